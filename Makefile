@@ -1,0 +1,54 @@
+# make run   : set up, build, and run the program's main job
+# make test  : set up, build, and run every test (release, then engine tests under ASan/UBSan and TSan)
+# make bench : set up, build, and run the benchmarks
+
+JOBS ?= $(shell nproc)
+CMAKE ?= cmake
+CTEST ?= ctest
+SANITIZED_TARGETS = core_tests engine_tests platform_tests
+SANITIZED_LABELS = engine|core|platform
+
+.PHONY: all bootstrap release run test test-release test-asan test-tsan bench clang clean
+
+all: release
+
+bootstrap:
+	@scripts/bootstrap
+
+build/release/build.ninja: | bootstrap
+	$(CMAKE) --preset release
+
+release: bootstrap build/release/build.ninja
+	$(CMAKE) --build --preset release -j $(JOBS)
+
+run: release
+	build/release/bench/engine_bench --benchmark_min_time=0.05
+
+test: test-release test-asan test-tsan
+
+test-release: release
+	$(CTEST) --test-dir build/release --output-on-failure -j $(JOBS)
+
+build/asan/build.ninja: | bootstrap
+	$(CMAKE) --preset asan
+
+test-asan: bootstrap build/asan/build.ninja
+	$(CMAKE) --build --preset asan -j $(JOBS) --target $(SANITIZED_TARGETS)
+	$(CTEST) --test-dir build/asan --output-on-failure -j $(JOBS) -L '$(SANITIZED_LABELS)'
+
+build/tsan/build.ninja: | bootstrap
+	$(CMAKE) --preset tsan
+
+test-tsan: bootstrap build/tsan/build.ninja
+	$(CMAKE) --build --preset tsan -j $(JOBS) --target $(SANITIZED_TARGETS)
+	$(CTEST) --test-dir build/tsan --output-on-failure -j $(JOBS) -L '$(SANITIZED_LABELS)'
+
+bench: release
+	build/release/bench/engine_bench
+
+clang: bootstrap
+	$(CMAKE) --preset clang
+	$(CMAKE) --build --preset clang -j $(JOBS)
+
+clean:
+	rm -rf build

@@ -9,6 +9,7 @@ class CString {
 public:
     CString();
     CString(const char* text);  // NOLINT: implicit on purpose, text literals are strings everywhere
+    // At most length bytes of text, ending early at a NUL; a negative length takes the whole text.
     CString(const char* text, int32_t length);
     CString(const CString& other);
     CString(CString&& other) noexcept;
@@ -40,15 +41,22 @@ inline CString operator+(CString left, CString right) { return concat(static_cas
 CString intToString(int32_t value);
 // "%f" in the C locale whatever the process locale is.
 CString floatToString(float value);
-// Decimal value of text, or fallback when the text is not a plain number (see the helper's notes).
+// Decimal value of text: an optional leading "-", then digits up to the first non-digit, so "12.5" gives 12.
+// fallback when the text is empty, holds anything but digits, "-", "." and ",", or holds two or more
+// separators ("." ",") or two or more minus signs. Values beyond 32 bits saturate.
 int32_t stringToInt(CString text, int32_t fallback);
 CString upperCase(CString text);
 // Strips space, CR and LF from both ends; tabs stay.
 CString trim(CString text);
 CString keyOf(CString line);
 CString valueOf(CString line);
+// From the last "." on, dot included, even when that dot is in a folder name; "" when there is none.
 CString fileExtension(CString path);
+// fileName and filePath split behind the last "/" or "\\": paths stored by Windows builds use the latter.
+// The first character is never taken for a separator, so "/x" is a name without a folder.
 CString fileName(CString path);
 CString filePath(CString path);
+// Replaces the text from the last "." behind the first character by extension, or appends it.
 CString withExtension(CString path, CString extension);
+// Appends "/" unless the path is empty or already ends in "/" or "\\".
 CString withTrailingSeparator(CString path);

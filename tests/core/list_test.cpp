@@ -1,0 +1,160 @@
+#include "core/list.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+int items[8];
+void* item(int i) { return &items[i]; }
+
+// The cells as a walk sees them, checked against count so that a broken link or a stale count shows.
+std::vector<void*> cells(const CList& list) {
+    std::vector<void*> seen;
+    for (CList::Cell* cell = list.head(); cell; cell = cell->next) seen.push_back(cell->item);
+    EXPECT_EQ(static_cast<int32_t>(seen.size()), list.count());
+    return seen;
+}
+
+void fill(CList& list, int n) {
+    for (int i = 0; i < n; ++i) list.add(item(i));
+}
+
+}  // namespace
+
+TEST(List, GetAtAndIndexOfStayInsideTheList) {
+    CList list;
+    EXPECT_EQ(list.getAt(0), nullptr);
+    EXPECT_EQ(list.first(), nullptr);
+    fill(list, 3);
+    EXPECT_EQ(list.getAt(-1), nullptr);
+    EXPECT_EQ(list.getAt(3), nullptr);
+    EXPECT_EQ(list.getAt(2), item(2));
+    EXPECT_EQ(list.indexOf(item(2)), 2);
+    EXPECT_EQ(list.indexOf(item(5)), -1);
+    EXPECT_EQ(list.first(), item(0));
+    EXPECT_EQ(list.cursor(), list.head());
+}
+
+TEST(List, AddUniqueIgnoresAPointerAlreadyPresent) {
+    CList list;
+    fill(list, 2);
+    list.addUnique(item(1));
+    list.addUnique(item(2));
+    list.add(item(0));
+    EXPECT_EQ(cells(list), (std::vector<void*>{item(0), item(1), item(2), item(0)}));
+}
+
+TEST(List, InsertPlacesTheItemAtIndexOrAtTheEnd) {
+    struct Row {
+        int32_t index;
+        std::vector<void*> expected;
+    };
+    const Row rows[] = {
+        {0, {item(7), item(0), item(1)}},
+        {1, {item(0), item(7), item(1)}},
+        {2, {item(0), item(1), item(7)}},
+        {5, {item(0), item(1), item(7)}},
+    };
+    for (const Row& row : rows) {
+        CList list;
+        fill(list, 2);
+        list.insert(row.index, item(7));
+        EXPECT_EQ(cells(list), row.expected) << "index " << row.index;
+    }
+    CList empty;
+    empty.insert(3, item(7));
+    EXPECT_EQ(cells(empty), std::vector<void*>{item(7)});
+}
+
+TEST(List, RemoveUnlinksOnlyTheFirstMatchingCell) {
+    CList list;
+    fill(list, 3);
+    list.add(item(1));
+    list.remove(item(1));
+    EXPECT_EQ(cells(list), (std::vector<void*>{item(0), item(2), item(1)}));
+    list.remove(item(6));
+    list.removeAt(3);
+    list.removeAt(-1);
+    EXPECT_EQ(list.count(), 3);
+    list.removeAt(2);
+    list.removeAt(0);
+    EXPECT_EQ(cells(list), std::vector<void*>{item(2)});
+    list.clear();
+    EXPECT_EQ(cells(list), std::vector<void*>{});
+    EXPECT_EQ(list.head(), nullptr);
+}
+
+TEST(List, MoveItemRelinksTheCellBetweenLists) {
+    struct Row {
+        const char* what;
+        int destinationItems;
+        void* moved;
+        int32_t index;
+        bool result;
+        std::vector<void*> destination;
+        std::vector<void*> source;
+    };
+    // Source holds item(4), item(5); destination holds item(0) .. item(destinationItems - 1).
+    const Row rows[] = {
+        {"-1 appends", 2, item(5), -1, true, {item(0), item(1), item(5)}, {item(4)}},
+        {"0 makes the head", 2, item(4), 0, true, {item(4), item(0), item(1)}, {item(5)}},
+        {"middle", 3, item(5), 1, true, {item(0), item(5), item(1), item(2)}, {item(4)}},
+        {"index past the end appends", 1, item(4), 9, true, {item(0), item(4)}, {item(5)}},
+        {"into an empty list", 0, item(5), 3, true, {item(5)}, {item(4)}},
+        {"item not in source", 2, item(6), 0, false, {item(0), item(1)}, {item(4), item(5)}},
+    };
+    for (const Row& row : rows) {
+        CList destination, source;
+        fill(destination, row.destinationItems);
+        source.add(item(4));
+        source.add(item(5));
+        EXPECT_EQ(CList::moveItem(destination, source, row.moved, row.index), row.result) << row.what;
+        EXPECT_EQ(cells(destination), row.destination) << row.what;
+        EXPECT_EQ(cells(source), row.source) << row.what;
+    }
+}
+
+TEST(List, MoveItemRefusesOneListOrTwoEmptyOnes) {
+    CList a, b;
+    EXPECT_FALSE(CList::moveItem(a, b, item(0), -1));
+    EXPECT_EQ(a.count() + b.count(), 0);
+
+    fill(a, 3);
+    EXPECT_FALSE(CList::moveItem(a, a, item(2), 0));
+    EXPECT_EQ(cells(a), (std::vector<void*>{item(0), item(1), item(2)}));
+
+    // From a filled list into an empty one and back: the heads differ, so both moves go through.
+    EXPECT_TRUE(CList::moveItem(b, a, item(0), -1));
+    EXPECT_TRUE(CList::moveItem(a, b, item(0), -1));
+    EXPECT_EQ(cells(a), (std::vector<void*>{item(1), item(2), item(0)}));
+    EXPECT_EQ(cells(b), std::vector<void*>{});
+}
+
+namespace {
+
+struct Counted {
+    explicit Counted(int& alive) : alive(alive) { ++alive; }
+    ~Counted() { --alive; }
+    int& alive;
+};
+
+}  // namespace
+
+TEST(TypedList, WalkEndsAtANullItemAndDeleteAllDestroysEachItem) {
+    int alive = 0;
+    TList<Counted> list;
+    for (int i = 0; i < 3; ++i) list.add(new Counted(alive));
+    std::vector<Counted*> walked(list.begin(), list.end());
+    ASSERT_EQ(walked.size(), 3u);
+    EXPECT_EQ(walked[2], list.getAt(2));
+
+    list.insert(1, nullptr);
+    EXPECT_EQ(std::distance(list.begin(), list.end()), 1);
+    list.removeAt(1);
+
+    list.deleteAll();
+    EXPECT_EQ(alive, 0);
+    EXPECT_EQ(list.count(), 0);
+}

@@ -136,7 +136,8 @@ struct RandomGraph {
 // A layered random graph of `components` processing nodes: a quarter are sources, the rest stages that
 // take one to three earlier nodes (so there is fan-out and shared upstream work). Nodes nobody consumes
 // feed the hardware output, some directly and some through a group channel.
-inline RandomGraph buildRandomGraph(CQV& engine, int32_t components, uint32_t seed) {
+template <class SourceType = Source, class StageType = Stage>
+RandomGraph buildRandomGraph(CQV& engine, int32_t components, uint32_t seed) {
     std::mt19937 random(seed);
     RandomGraph graph;
     graph.out = add<CAudioOut>(engine);
@@ -148,10 +149,10 @@ inline RandomGraph buildRandomGraph(CQV& engine, int32_t components, uint32_t se
     std::vector<int32_t> consumers(static_cast<size_t>(components), 0);
     for (int32_t i = 0; i < components; ++i) {
         if (i < sources) {
-            graph.nodes.push_back(add<Source>(engine, i));
+            graph.nodes.push_back(add<SourceType>(engine, i));
             continue;
         }
-        auto* stage = add<Stage>(engine, 0.5f + static_cast<float>(random() % 100) / 50.0f);
+        auto* stage = add<StageType>(engine, 0.5f + static_cast<float>(random() % 100) / 50.0f);
         graph.nodes.push_back(stage);
         const int32_t inputs = 1 + static_cast<int32_t>(random() % 3);
         for (int32_t k = 0; k < inputs; ++k) {

@@ -23,7 +23,8 @@ public:
     // Subclasses call it first thing in their destructor, so run() never outlives their fields.
     void shutdown();
 
-    uint32_t threadId() const { return id.load(std::memory_order_acquire); }
+    // The system's id of the worker; known from the return of start() on, and inside run().
+    uint32_t threadId() const { return handle.id(); }
 
     std::atomic<bool> stop{false};
     bool waitOnDestroy = true;
@@ -34,7 +35,7 @@ protected:
 
 private:
     static void entry(void* self);
-    platform::Thread handle;
     platform::ThreadPriority priority_ = platform::ThreadPriority::normal;
-    std::atomic<uint32_t> id{0};
+    // Declared after event: members are destroyed in reverse order, so the event outlives the thread.
+    platform::Thread handle;
 };

@@ -5,6 +5,7 @@
 // Services here: threads with priority and processor pinning, an auto-reset event, a critical section,
 // the millisecond clock and the debug line output.
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 
@@ -14,12 +15,13 @@ namespace platform {
 uint32_t milliseconds();
 
 // One diagnostic line that the user does not see. Goes to stderr when VANTRELL_DEBUG is set in the
-// environment, and to the sink installed by setDebugSink (tests) when there is one.
+// environment, and to the sink installed by setDebugSink (tests) when there is one. The sink is called
+// under a lock, one line at a time; once setDebugSink returns, the old sink is no longer called.
 void debugLine(const char* text);
 using DebugSink = std::function<void(const char* line)>;
 void setDebugSink(DebugSink sink);
 
-// Logical processors of this machine, at least 1.
+// Logical processors this process may run on, at least 1.
 int32_t processorCount();
 
 // A pause instruction for spin-waits.
@@ -57,7 +59,9 @@ public:
     bool wait(int32_t timeoutMs);
 
 private:
-    alignas(4) uint32_t state_ = 0;  // 1 when signalled; waited on through the kernel's futex
+    // Bit 0: signalled. The bits above count the threads that sleep, or are about to sleep, in the
+    // kernel's futex on this word, so that signal makes no system call when nobody waits.
+    std::atomic<uint32_t> state_{0};
 };
 
 // A short mutual-exclusion section, held for a few instructions at a time.
@@ -96,15 +100,21 @@ public:
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
 
+    // False when the system refuses a new thread, or when this one was started already.
+    // On success id() is already known when start returns.
     bool start(void (*entry)(void* argument), void* argument);
+    // Waits for the body to return. Called on the thread itself, it detaches instead.
     void join();
+    // Lets the thread run on unowned; nobody waits for it any more.
+    void detach();
     bool joinable() const { return started_; }
-    uint32_t id() const { return id_; }
+    // The system's id of the thread, 0 before start. Safe to read from any thread.
+    uint32_t id() const { return id_.load(std::memory_order_acquire); }
 
 private:
     alignas(8) unsigned char handle_[8]{};
     bool started_ = false;
-    uint32_t id_ = 0;
+    std::atomic<uint32_t> id_{0};
     void (*entry_)(void*) = nullptr;
     void* argument_ = nullptr;
     static void* trampoline(void* self);

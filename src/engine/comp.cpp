@@ -9,6 +9,24 @@
 
 bool CMapProg::takeControl(CComp& /*owner*/, const CMIDIEvent& /*event*/) { return false; }
 
+CSendsState::CSendsState(COutputChannel& channel) : channel(&channel) {
+    for (int32_t k = 0; k < COutputChannel::maxSends; ++k) {
+        levels[k] = channel.sends[k]->level.load(std::memory_order_relaxed);
+        disabled[k] = channel.sends[k]->disabled.load(std::memory_order_relaxed);
+    }
+}
+
+void CSendsState::restore() const {
+    for (int32_t k = 0; k < COutputChannel::maxSends; ++k) {
+        channel->sends[k]->level.store(levels[k], std::memory_order_relaxed);
+        channel->sends[k]->disabled.store(disabled[k], std::memory_order_relaxed);
+    }
+}
+
+void CComp::getSendsState(TList<CObject>& out) const {
+    for (COutputChannel* channel : outputChannels) out.add(new CSendsState(*channel));
+}
+
 CComp::CComp(CQV* engine, int32_t type) : CObject(1, type), engine(engine) {}
 
 CComp::~CComp() {

@@ -66,6 +66,18 @@ constexpr uint64_t latency = 0x100000;
 constexpr uint64_t mapWindow = 0x200000;
 }  // namespace change
 
+// Send settings of one output channel, kept by undo steps that change sends.
+class CSendsState : public CObject {
+public:
+    explicit CSendsState(COutputChannel& channel);
+    // Writes the kept settings back into the channel.
+    void restore() const;
+
+    COutputChannel* channel;
+    float levels[COutputChannel::maxSends];
+    bool disabled[COutputChannel::maxSends];
+};
+
 // A controller map of a component; the map subsystem fills it in. It may take a Control Change.
 class CMapProg : public CObject {
 public:
@@ -128,6 +140,8 @@ public:
         numerator = 4;
         denominator = 4;
     }
+    virtual void auditionClip(CObject* /*clip*/, float /*gain*/) {}
+    virtual void partChanged(CObject* /*part*/) {}
     virtual bool isFrozen() const { return false; }
     virtual void serviceDisk() {}
     virtual CString getProgramName(int32_t /*index*/) const { return CString(); }
@@ -135,6 +149,9 @@ public:
     virtual int32_t getLatency() const { return 0; }
     virtual CComp* findTrack(const COutputChannel* /*channel*/) const { return nullptr; }
     virtual void recordParam(CObject* /*target*/, uint32_t /*param*/, float /*value*/) {}
+    virtual int32_t loadProgram(CObject* /*item*/, uint32_t /*index*/, void* /*window*/, int8_t /*mode*/) { return 0; }
+    // Appends, for each output channel, a snapshot of its send settings (owned by the list's owner).
+    virtual void getSendsState(TList<CObject>& out) const;
     virtual CObject* getProgram(int32_t index) const;
     virtual int32_t getAssignedControl(int32_t index) const;
     virtual void setAssignedControl(int32_t index, int32_t value);

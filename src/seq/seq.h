@@ -1,0 +1,93 @@
+#pragma once
+// CSeq: the sequencer component. It owns the tracks and the arrangements and, once per cycle, turns the
+// song position into events on its tracks' ports. Its terminals are those of its tracks, entered in its
+// own lists, so the modular view shows one box with a pair of terminals per track.
+
+#include <cstdint>
+
+#include "engine/comp.h"
+#include "seq/part.h"
+#include "seq/song.h"
+#include "seq/track.h"
+
+class CUndo;
+
+// Option bytes of the sequencer ("options" block).
+namespace seqoption {
+constexpr int autoscroll = 0;
+constexpr int monitorMode = 5;
+constexpr int midiThruMode = 6;
+constexpr int liveMode = 20;
+constexpr int markerTrack = 23;
+constexpr int keepRemix = 26;
+constexpr int rewindOnStop = 27;
+}  // namespace seqoption
+
+class CSeq : public CComp {
+public:
+    explicit CSeq(CQV* engine);
+    ~CSeq() override;
+
+    void createPorts() override;
+    CSeqProg* currentProg() const { return static_cast<CSeqProg*>(programs.getAt(program)); }
+    CSeqProg* prog(int32_t index) const { return static_cast<CSeqProg*>(programs.getAt(index)); }
+
+    // Transport and time (the timeline and playback).
+    void start() override;
+    void stop() override;
+    void setPosition(double ticks) override;
+    void rewind() override;
+    void setLoop(bool on) override;
+    bool getLoop() const override;
+    void getLoopRange(int32_t& left, int32_t& right) const override;
+    void setLoopRange(int32_t a, int32_t b) override;
+    double getProgramTime() const;
+    double getPosition() const override;
+    double getPosition(int32_t mode) const;
+    void getTimeSig(int32_t& numerator, int32_t& denominator) const override;
+    double getLength() const override;
+
+    void beginCycle(int32_t frames) override;
+    void setBlockSize(int32_t frames) override;
+    void process(int32_t frames) override;
+    void processStrip(int32_t frames) override;
+    void addPlayingNotes(CMIDIQ& port) override;
+    CComp* findTrack(const COutputChannel* channel) const override;
+    CString channelLabel(const CIO* io) const override;
+
+    // The track that owns a terminal entered in this sequencer's lists.
+    CTrack* trackOf(const CIO* io) const;
+    // A new arrangement named "Mix N" with a song track for every track.
+    CSeqProg* addProg();
+
+    TList<CTrack> tracks;        // owned
+    TList<CPart> ghostSources;   // owned
+    uint8_t options[32] = {1, 1, 1, 0, 1, 2, 1, 1};
+    int32_t noteLength = 240;
+    int32_t noteVelocity = 100;
+    int32_t sync = 0;
+    int32_t mixerView = 4;
+
+    // Transport state.
+    std::atomic<int32_t> playing{0};
+    CSeqProg* playingProg = nullptr;
+    double playStart = 0.0;
+    double runningTicks = 0.0;
+    uint8_t recording = 0;
+    uint8_t recordArmed = 1;
+
+private:
+    void runProg(CSeqProg& prog, int32_t frames);
+    void startProg(CSeqProg& prog);
+    void followTempo();
+};
+
+// The default name for a new track of a type: the word and the smallest free number from 1.
+CString trackName(const CSeq& seq, int32_t type);
+// Makes a track with its song tracks and default wiring. With an undo step the insertion and the
+// cables travel through it; without one they are made at once (for loading and tests).
+CTrack* addTrack(CSeq& seq, int32_t type, CUndo* undo, int32_t index);
+// Length of a part as played: a stored 0 reads as 960; a single-clip audio part follows its audio.
+int32_t partPlayLength(const CSeq& seq, CPart& part);
+// Duplicates a part, as an independent copy or as a ghost sharing the same content.
+CPart* makeGhost(CSeq& seq, CPart& part, bool asGhost);

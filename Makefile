@@ -5,7 +5,7 @@
 JOBS ?= $(shell nproc)
 CMAKE ?= cmake
 CTEST ?= ctest
-SANITIZED_TARGETS = core_tests engine_tests platform_tests seq_tests
+SANITIZED_TARGETS = sanitized_tests
 SANITIZED_LABELS = engine|core|platform|seq
 
 .PHONY: all bootstrap release run test test-release test-asan test-tsan bench clang clean

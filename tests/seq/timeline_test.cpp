@@ -1,0 +1,380 @@
+#include "seq/timeline.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "seq/part.h"
+#include "seq/song.h"
+#include "support/rt_probe.h"
+
+namespace {
+
+struct TempoAt {
+    int32_t tick;
+    float bpm;
+};
+struct SigAt {
+    int32_t tick, num, den;
+};
+
+// An arrangement with its tempo and signature points, appended in the order given (rising start).
+struct Song {
+    CSeqProg prog{nullptr};
+    explicit Song(const std::vector<TempoAt>& tempos = {}, const std::vector<SigAt>& signatures = {}) {
+        for (const auto& [tick, bpm] : tempos) {
+            auto* point = new CTempoPart();
+            point->start = tick;
+            point->tempo = bpm;
+            prog.tempos.add(point);
+        }
+        for (const auto& [tick, num, den] : signatures) {
+            auto* point = new CTimesigPart();
+            point->start = tick;
+            point->numerator = num;
+            point->denominator = den;
+            prog.signatures.add(point);
+        }
+    }
+};
+
+// Ten minutes at 120 BPM before the first point, then 100 points at random moments with random tempos.
+std::vector<TempoAt> randomTempoMap(uint32_t seed, double& songTicks) {
+    std::mt19937 random(seed);
+    std::vector<double> seconds(100);
+    for (double& s : seconds)
+        s = std::uniform_real_distribution<double>(1.0, 599.0)(random);
+    std::sort(seconds.begin(), seconds.end());
+    std::vector<TempoAt> map;
+    double tick = 0.0, at = 0.0, bpm = 120.0;
+    for (double s : seconds) {
+        tick += (s - at) * bpm * 16.0;
+        at = s;
+        bpm = std::uniform_int_distribution<int>(4000, 24000)(random) / 100.0;
+        if (map.empty() || std::lround(tick) > map.back().tick)
+            map.push_back({int32_t(std::lround(tick)), float(bpm)});
+    }
+    songTicks = tick + (600.0 - at) * bpm * 16.0;
+    return map;
+}
+
+} // namespace
+
+TEST(TimelineConvert, TicksToSamplesWalksTheTempoMap) {
+    struct Row {
+        std::vector<TempoAt> points;
+        int32_t start, count;
+        double expected;
+    };
+    const Row rows[] = {
+        {{}, 0, 960, 22050.0},
+        {{{0, 60.0f}}, 0, 960, 44100.0},                           // the span before the point is empty
+        {{{960, 60.0f}}, 0, 1920, 22050.0 + 44100.0},              // engine tempo up to the point
+        {{{0, 60.0f}}, 960, 960, 44100.0},                         // a point before the start sets the tempo
+        {{{0, 60.0f}, {480, 240.0f}}, 0, 1920, 22050.0 + 16537.5}, // the last point holds
+        {{{3840, 60.0f}}, 0, 960, 22050.0},                        // ends before the point
+        {{{960, 60.0f}}, 0, 960, 22050.0},                         // ends on the point
+        {{{0, 0.0f}}, 0, 960, 264600.0},                           // a zero tempo from a file reads as 10
+        {{{0, 60.0f}}, 0, 0, 0.0},
+    };
+    for (const Row& row : rows) {
+        Song song(row.points);
+        EXPECT_DOUBLE_EQ(ticksToSamples(&song.prog, 120.0f, row.start, row.count, 44100), row.expected)
+            << row.start << " + " << row.count;
+    }
+    EXPECT_DOUBLE_EQ(ticksToSamples(nullptr, 120.0f, 0, 960, 44100), 22050.0);
+}
+
+TEST(TimelineConvert, SamplesToTicksTruncatesEachSpan) {
+    struct Row {
+        std::vector<TempoAt> points;
+        double start, samples, expected;
+    };
+    const Row rows[] = {
+        {{}, 0, 22050, 960},
+        {{{0, 60.0f}}, 0, 44100, 960},
+        {{{960, 60.0f}}, 0, 22050 + 44100, 1920},
+        {{{0, 60.0f}}, 960, 44100, 960}, // a point behind the start only sets the tempo
+        {{{3840, 60.0f}}, 0, 100, 4},    // stops inside the first span
+        {{}, 0, 45938, 2000},
+        {{{1000, 120.0f}}, 0, 45938, 1999}, // same tempo, but the span at the point is cut to whole samples
+        {{}, 0, 0.5, 0},                    // less than one sample
+    };
+    for (const Row& row : rows) {
+        Song song(row.points);
+        EXPECT_EQ(samplesToTicks(&song.prog, 120.0f, row.start, row.samples, 44100), row.expected)
+            << row.samples;
+    }
+    EXPECT_DOUBLE_EQ(samplesToTicks(nullptr, 120.0f, 0, 22050, 44100), 960.0);
+}
+
+// Ten minutes, 100 tempo changes: the exact pair inverts itself within a frame, agrees with the
+// design's tick walk, and both agree with a tick-by-tick sum of frame lengths.
+TEST(TimelineConvert, RoundTripsStayWithinOneFrameAcrossTempoChanges) {
+    for (int32_t rate : {44100, 48000, 96000}) {
+        double songTicks = 0.0;
+        const std::vector<TempoAt> map = randomTempoMap(uint32_t(rate), songTicks);
+        ASSERT_GT(map.size(), 90u);
+        Song song(map);
+        const CSeqProg* prog = &song.prog;
+        std::mt19937 random(7);
+
+        // Independent reference: frame length of every tick, summed.
+        double frames = 0.0;
+        size_t next = 0;
+        float bpm = 120.0f;
+        for (int32_t tick = 0; tick < int32_t(songTicks); ++tick) {
+            while (next < map.size() && map[next].tick <= tick)
+                bpm = map[next++].bpm;
+            if (tick % 9973 == 0) {
+                ASSERT_NEAR(ticksToSamples(prog, 120.0f, 0, tick, rate), frames, 1e-3)
+                    << rate << " at " << tick;
+                // Tick -> frame -> tick, the error measured in frames at the local tempo.
+                const double back = frameToTick(prog, 120.0f, frames, rate);
+                EXPECT_LT(std::abs(back - tick) * rate / (bpm * 16.0), 1.0) << rate << " at " << tick;
+            }
+            frames += rate / (bpm * 16.0);
+        }
+        const double songFrames = 600.0 * rate;
+        ASSERT_NEAR(frames, songFrames, rate * 0.01);
+
+        std::vector<double> probes;
+        for (int i = 0; i < 3000; ++i)
+            probes.push_back(std::uniform_real_distribution<double>(0.0, songFrames)(random));
+        for (const TempoAt& point : map)
+            for (double d : {-1.0, 0.0, 1.0})
+                probes.push_back(tickToFrame(prog, 120.0f, point.tick, rate) + d);
+        for (double frame : probes) {
+            const double tick = frameToTick(prog, 120.0f, frame, rate);
+            EXPECT_NEAR(tickToFrame(prog, 120.0f, tick, rate), frame, 1.0) << rate << " frame " << frame;
+            // The whole-number inverse runs behind by at most one tick per span it cut, and ahead only
+            // by the sub-sample remainders it carried to a later tempo.
+            const double crossed = double(
+                std::count_if(map.begin(), map.end(), [&](const TempoAt& p) { return p.tick <= tick; }));
+            const double whole = samplesToTicks(prog, 120.0f, 0.0, frame, rate);
+            const double carried = crossed * 240.0 * 16.0 / rate;
+            EXPECT_EQ(whole, std::trunc(whole));
+            EXPECT_LE(whole, tick + carried) << rate << " frame " << frame;
+            EXPECT_GE(whole, tick - crossed - 1.0 - carried) << rate << " frame " << frame;
+        }
+    }
+}
+
+TEST(TimelineBars, BeatTicksAndSnapToBeat) {
+    const std::pair<int32_t, int32_t> beats[] = {{4, 960}, {8, 480}, {7, 548},  {1, 3840},
+                                                 {960, 4}, {0, 960}, {-8, 960}, {961, 960}};
+    for (auto [den, ticks] : beats)
+        EXPECT_EQ(beatTicks(den), ticks) << den;
+
+    struct Row {
+        std::vector<SigAt> signatures;
+        int32_t tick, expected;
+    };
+    const Row rows[] = {
+        {{}, 700, 960},
+        {{}, 479, 0},
+        {{}, 480, 960},
+        {{}, -700, -960},
+        {{{100, 4, 4}}, 700, 1060}, // beats counted from the point
+        {{{0, 6, 8}}, 700, 480},
+        {{{3840, 6, 8}}, 700, 960},             // a later point is not in force
+        {{{0, 3, 8}, {960, 4, 0}}, 1500, 1920}, // denominator 0 reads as 4
+        {{{700, 6, 8}}, 700, 700},              // a point on the tick is in force
+    };
+    for (const Row& row : rows) {
+        Song song({}, row.signatures);
+        EXPECT_EQ(snapToBeat(&song.prog, row.tick, 4, 4), row.expected) << row.tick;
+    }
+}
+
+// Reference numbering: step through the song one tick at a time, rolling beats and bars over and
+// starting a fresh bar wherever a signature point begins.
+TEST(TimelineBars, BarAtAgreesWithATickByTickCountOverRandomSignatureMaps) {
+    std::mt19937 random(11);
+    const int32_t dens[] = {1, 2, 4, 8, 16, 32, 3, 7};
+    auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(random); };
+    for (int map = 0; map < 60; ++map) {
+        std::vector<SigAt> signatures;
+        int32_t at = pick(0, 1) ? 0 : pick(1, 6000);
+        for (int n = pick(0, 10); n > 0; --n, at += pick(0, 3) ? pick(1, 9000) : 0)
+            signatures.push_back({at, pick(1, 13), dens[pick(0, 7)]});
+        const int32_t defNum = pick(1, 7), defDen = dens[pick(0, 7)];
+        Song song({}, signatures);
+
+        int32_t bar = 1, beat = 1, inBeat = 0, num = defNum, beatLength = (960 / defDen) * 4;
+        size_t next = 0;
+        for (int32_t tick = 0; tick < 60000; ++tick) {
+            if (tick > 0 && ++inBeat == beatLength) {
+                inBeat = 0;
+                if (++beat > num) beat = 1, ++bar;
+            }
+            bool changed = false;
+            for (; next < signatures.size() && signatures[next].tick == tick; ++next, changed = true)
+                num = signatures[next].num, beatLength = (960 / signatures[next].den) * 4;
+            if (changed && (beat != 1 || inBeat != 0)) bar += 1, beat = 1, inBeat = 0;
+
+            const BarPosition got = barAt(&song.prog, tick, defNum, defDen);
+            ASSERT_TRUE(got.bar == bar && got.beat == beat && got.tick == inBeat)
+                << "map " << map << " tick " << tick << ": " << got.bar << "." << got.beat << "." << got.tick
+                << " expected " << bar << "." << beat << "." << inBeat;
+        }
+    }
+    const BarPosition display = barAt(nullptr, 4800, 6, 8);
+    EXPECT_EQ(display.bar, 2);
+    EXPECT_EQ(display.beat, 5);
+    EXPECT_EQ(display.tick, 0);
+    const BarPosition before = barAt(nullptr, -1, 4, 4); // counts back from bar 1
+    EXPECT_EQ(before.bar, 0);
+    EXPECT_EQ(before.beat, 4);
+    EXPECT_EQ(before.tick, 959);
+}
+
+TEST(TimelineText, PositionDisplays) {
+    struct Bars {
+        double position;
+        int32_t num, den;
+        const char* text;
+    };
+    const Bars bars[] = {
+        {4800, 6, 8, "002.05.000"}, {0, 4, 4, "001.01.000"},      {3839.5, 4, 4, "002.01.000"},
+        {4000, 6, 8, "002.03.160"}, {100000, 3, 4, "035.03.160"}, {4000000, 4, 4, "1042.03.640"},
+        {4000, 4, 0, "002.01.160"}, {4000, 0, 4, "002.01.160"}, // unusable signatures read as 4/4
+    };
+    for (const Bars& row : bars)
+        EXPECT_STREQ(formatBars(row.position, row.num, row.den).c_str(), row.text) << row.position;
+
+    const std::pair<int32_t, const char*> times[] = {{0, "000:00:000"},
+                                                     {44099, "000:00:999"},
+                                                     {44100 * 61 + 22050, "001:01:500"},
+                                                     {2147483647, "811:35:774"}};
+    for (auto [samples, text] : times)
+        EXPECT_STREQ(formatTime(samples, 44100).c_str(), text) << samples;
+    EXPECT_STREQ(formatTime(44100, 0).c_str(), "000:00:000");
+}
+
+TEST(TimelineInsert, IndexGoesBeforeTheFirstPointAtOrBehindTheTick) {
+    Song song({{0, 120.0f}, {960, 90.0f}, {960, 100.0f}, {3840, 80.0f}});
+    const std::pair<int32_t, int32_t> rows[] = {{-5, 0}, {0, 0}, {1, 1}, {960, 1}, {961, 3}, {5000, 4}};
+    for (auto [tick, index] : rows)
+        EXPECT_EQ(insertIndexFor(song.prog.tempos, tick), index) << tick;
+    EXPECT_EQ(insertIndexFor(Song().prog.tempos, 100), 0);
+}
+
+TEST(Snap, GridTicks) {
+    struct Row {
+        int32_t type, num, den;
+        uint8_t triplet, dotted;
+        int32_t expected;
+    };
+    const Row rows[] = {
+        {3, 4, 4, 0, 0, 240},  {3, 4, 4, 1, 0, 160},  {3, 4, 4, 0, 1, 360},  {3, 4, 4, 1, 1, 360},
+        {0, 4, 4, 1, 0, 20},   {5, 4, 4, 0, 1, 1440}, {6, 3, 4, 0, 0, 2880}, {6, 5, 7, 0, 0, 2740},
+        {6, 4, 0, 0, 0, 3840}, {6, 0, 4, 0, 0, 3840}, {9, 4, 4, 0, 0, 240},  {6, 1, 960, 1, 0, 2},
+    };
+    for (const Row& row : rows) {
+        CSnap snap;
+        snap.gridType = row.type, snap.barNumerator = row.num, snap.barDenominator = row.den;
+        snap.triplet = row.triplet, snap.dotted = row.dotted;
+        EXPECT_EQ(snap.gridTicks(), row.expected) << row.type << " " << row.num << "/" << row.den;
+    }
+
+    struct ThreeFour : CBarSource {
+        int calls = 0;
+        void refreshBar(int32_t& num, int32_t& den) override { num = 3, den = 4, ++calls; }
+    } source;
+    CSnap snap;
+    snap.gridType = 6;
+    snap.barSource = &source;
+    EXPECT_EQ(snap.gridTicks(), 2880);
+    EXPECT_EQ(source.calls, 1);
+}
+
+TEST(Snap, SnapDownFloorsAlsoBelowZero) {
+    CSnap snap;
+    const std::pair<int32_t, int32_t> rows[] = {
+        {250, 240},
+        {239, 0},
+        {0, 0},
+        {-1, -240},
+        {-240, -240},
+        {-241, -480},
+        {std::numeric_limits<int32_t>::min() + 5, std::numeric_limits<int32_t>::min()}};
+    for (auto [tick, expected] : rows)
+        EXPECT_EQ(snap.snapDown(tick), expected) << tick;
+    snap.enabled = 0;
+    EXPECT_EQ(snap.snapDown(-7), -7);
+}
+
+TEST(TempoFollow, APointWithinTheNextBlockChangesTheNextTempo) {
+    // 48000 Hz at 120 BPM: 25 frames a tick; blocks of 1000 frames are 40 ticks.
+    struct Row {
+        std::vector<TempoAt> points;
+        double position;
+        float expected;
+    };
+    const Row rows[] = {
+        {{}, 1000, 120.0f},
+        {{{1039, 90.0f}}, 1000, 90.0f},
+        {{{1040, 90.0f}}, 1000, 120.0f},   // 975 frames away, and 1000
+        {{{1040, 90.0f}}, 1000.9, 120.0f}, // the position counts truncated
+        {{{1000, 90.0f}}, 1000, 90.0f},
+        {{{10, 90.0f}}, 1000, 90.0f}, // reached, and long passed
+        {{{10, 90.0f}, {1020, 80.0f}, {1030, 70.0f}, {5000, 60.0f}}, 1000, 70.0f},
+        {{{0, 300.0f}}, 1000, 250.0f},
+        {{{0, 5.0f}}, 1000, 10.0f},
+        {{{0, std::nanf("")}}, 1000, 10.0f},
+    };
+    for (const Row& row : rows) {
+        Song song(row.points);
+        EXPECT_EQ(followTempo(song.prog, row.position, 120.0f, 120.0f, 48000.0, 1000), row.expected)
+            << row.position;
+    }
+    // Only a new value is limited; the engine's own is left as it is.
+    EXPECT_EQ(followTempo(Song({{0, 300.0f}}).prog, 1000, 120.0f, 300.0f, 48000.0, 1000), 300.0f);
+}
+
+// Plays through a tempo point cycle by cycle: the new tempo starts at one cycle's head, less than one
+// block before the point and no later than the tick it lies on (positions count truncated).
+TEST(TempoFollow, TheChangeLandsOnTheFirstCycleThatReachesThePoint) {
+    for (int32_t block : {64, 500, 1024, 4096})
+        for (int32_t pointTick : {961, 3840, 7777, 20000}) {
+            Song song({{pointTick, 90.0f}});
+            double position = 0.0;
+            float tempo = 120.0f, nextTempo = 120.0f;
+            int changes = 0;
+            while (position < pointTick + 5000) {
+                if (nextTempo != tempo) {
+                    ++changes;
+                    EXPECT_LE(std::trunc(position), pointTick) << block << " " << pointTick;
+                    EXPECT_LT((pointTick - position) * 48000.0 / (120.0 * 16.0), block)
+                        << block << " " << pointTick;
+                }
+                tempo = nextTempo;
+                position += block * tempo * 16.0 / 48000.0;
+                nextTempo = followTempo(song.prog, position, tempo, nextTempo, 48000.0, block);
+            }
+            EXPECT_EQ(changes, 1) << block << " " << pointTick;
+            EXPECT_EQ(tempo, 90.0f);
+        }
+}
+
+TEST(TempoFollow, AllocatesNothing) {
+    if (!rtprobe::available()) GTEST_SKIP() << "the probe is replaced by the sanitizer's allocator";
+    double songTicks = 0.0;
+    Song song(randomTempoMap(3, songTicks));
+    float next = 120.0f;
+    int64_t allocations = 0;
+    {
+        rtprobe::Scope probe;
+        for (double position = 0.0; position < songTicks; position += 37.5)
+            next = followTempo(song.prog, position, next, next, 44100.0, 1024);
+        allocations = probe.allocations();
+    }
+    EXPECT_EQ(allocations, 0);
+    EXPECT_NE(next, 120.0f);
+}

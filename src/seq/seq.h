@@ -54,14 +54,19 @@ public:
     void addPlayingNotes(CMIDIQ& port) override;
     CComp* findTrack(const COutputChannel* channel) const override;
     CString channelLabel(const CIO* io) const override;
+    // Bit 32: puts the terminals back into track order after tracks came or went.
+    void changed(uint32_t flags) override;
 
     // The track that owns a terminal entered in this sequencer's lists.
     CTrack* trackOf(const CIO* io) const;
-    // A new arrangement named "Mix N" with a song track for every track.
-    CSeqProg* addProg();
+    // A new arrangement named "Mix N" with a song track for every track. With an undo step it enters
+    // the program list when the step is applied; without one at once.
+    CSeqProg* addProg(CUndo* undo = nullptr);
+    // Orders the terminal lists like the tracks by relinking cells, so it may run on the audio thread.
+    void sortTerminals();
 
     TList<CTrack> tracks;        // owned
-    TList<CPart> ghostSources;   // owned
+    TList<CPart> ghostSources;   // owned; hidden sources of ghost parts, never played
     uint8_t options[32] = {1, 1, 1, 0, 1, 2, 1, 1};
     int32_t noteLength = 240;
     int32_t noteVelocity = 100;
@@ -82,12 +87,23 @@ private:
     void followTempo();
 };
 
+// Lets createComp make a sequencer for its type number.
+void registerSequencerTypes();
+
 // The default name for a new track of a type: the word and the smallest free number from 1.
 CString trackName(const CSeq& seq, int32_t type);
-// Makes a track with its song tracks and default wiring. With an undo step the insertion and the
-// cables travel through it; without one they are made at once (for loading and tests).
+// Title of the undo step that adds a track of a type.
+CString addTrackTitle(int32_t type);
+// Makes a track at `index` (negative or beyond the end: last) with a song track in every arrangement.
+// With an undo step, everything enters the model through the step, and a new instrument or audio track
+// is wired to the first MIDI or audio devices; without one (loading), the track enters at once and
+// unwired.
 CTrack* addTrack(CSeq& seq, int32_t type, CUndo* undo, int32_t index);
 // Length of a part as played: a stored 0 reads as 960; a single-clip audio part follows its audio.
 int32_t partPlayLength(const CSeq& seq, CPart& part);
 // Duplicates a part, as an independent copy or as a ghost sharing the same content.
 CPart* makeGhost(CSeq& seq, CPart& part, bool asGhost);
+// Event edit: `copy` is a plain clone of the part's content, edited by the caller. The contents are
+// exchanged at once (the part plays the edit; `copy` keeps the old chains, which play cursors may still
+// point into) and the step keeps `copy` to exchange them again on undo and redo.
+void swapPart(CUndo& undo, CPart* part, CPart* copy);

@@ -2,6 +2,11 @@
 // Tracks. A CTrack is the same in every arrangement and holds what the track sounds like. It derives
 // from CComp for its ports, channels, inserts and virtual operations, but it is not a node of the graph:
 // the sequencer owns it, enters its terminals in its own lists, and runs it inside its own cycle.
+//
+// Terminal ownership: a track's terminals name the sequencer as their owner, and the sequencer's lists
+// (or, until an undo step has put them there, the step's items) delete them. The track's own terminal
+// lists are views of the same objects, so that its strip and its ports can be reached from the track.
+// Only a track made without a sequencer owns its terminals itself.
 
 #include <cstdint>
 
@@ -9,6 +14,7 @@
 
 class CSeq;
 class CSample;
+struct CEventRec;
 
 enum TrackType : int32_t {
     trackFolder = 1,
@@ -58,19 +64,26 @@ public:
     uint8_t disabled = 0;
 };
 
-struct CEventRec;
+// The word a track type's default name is made of: "folder", "instrument", "audio", "drum", "track".
+CString trackTypeWord(int32_t type);
 
 class CTrack : public CComp {
 public:
+    static constexpr int32_t folderHeight = 21;
+    static constexpr int32_t defaultHeight = 40;
+    static constexpr int32_t defaultNoteHeight = 8;
+
     CTrack(CQV* engine, CSeq* seq, int32_t type);
     ~CTrack() override;
 
+    // The terminals of the type; their owner is the sequencer when there is one.
     void createPorts() override;
     bool isMuted() const { return (flags.load(std::memory_order_relaxed) & trackflag::muted) != 0; }
     bool isSolo() const { return (flags.load(std::memory_order_relaxed) & trackflag::solo) != 0; }
     bool isArmed() const { return (flags.load(std::memory_order_relaxed) & trackflag::armed) != 0; }
     // Target of automation and of held notes: the output port, or for audio tracks the input port so
-    // that automation reaches the inserts of the track's own channel.
+    // that automation reaches the inserts of the track's own channel. A drum track has no output port
+    // and takes its input port as well; a folder has none.
     CMIDIQ* automationPort() const;
 
     CSeq* seq;

@@ -1,0 +1,600 @@
+// The song model: event chains, ghosts and duplicates, tracks with their terminals, song tracks and
+// wiring, arrangements, and the undo path that brings new tracks into a running graph.
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "engine/engine.h"
+#include "engine/io.h"
+#include "engine/undo.h"
+#include "seq/model_dump.h"
+#include "seq/seq.h"
+
+namespace {
+
+constexpr int32_t block = 256;
+
+// An engine with the device components new tracks are wired to, and one sequencer.
+struct Project {
+    Project() : engine(EngineOptions{false, 1}) {
+        registerSequencerTypes();
+        midiIn = add(compMIDIIn);
+        audioIn = add(compAudioIn);
+        audioOut = add(compAudioOut);
+        seq = static_cast<CSeq*>(add(compSequencer));
+    }
+
+    CComp* add(int32_t type) {
+        CComp* comp = createComp(&engine, static_cast<uint8_t>(type));
+        comp->createPorts();
+        engine.addComp(comp);
+        return comp;
+    }
+
+    // Posts a step and runs one cycle, at whose end the step is applied.
+    void apply(CUndo* step) {
+        engine.postUndo(step, false);
+        engine.runCycle(block);
+    }
+    void undo() {
+        engine.undo();
+        engine.runCycle(block);
+    }
+    void redo() {
+        engine.redo();
+        engine.runCycle(block);
+    }
+
+    CQV engine;
+    CComp* midiIn;
+    CComp* audioIn;
+    CComp* audioOut;
+    CSeq* seq;
+};
+
+// A note whose key tells it apart from the others of a chain.
+CMIDIEventRec* note(uint8_t key) {
+    auto* event = new CMIDIEventRec();
+    event->message = packMIDI(0x90, key, 100);
+    return event;
+}
+
+uint8_t keyOf(const CEventRec* event) { return static_cast<const CMIDIEventRec*>(event)->message >> 8 & 0xFF; }
+
+struct Placed {
+    uint8_t key;
+    uint32_t delta;
+    friend bool operator==(const Placed&, const Placed&) = default;
+};
+
+std::vector<Placed> chainOf(const CEventRec* head) {
+    std::vector<Placed> placed;
+    for (const CEventRec* event = head; event; event = event->next) placed.push_back({keyOf(event), event->delta});
+    return placed;
+}
+
+std::string namesOf(const TList<CTrack>& tracks) {
+    std::string names;
+    for (const CTrack* track : tracks) names += std::string(track->name.c_str()) + " ";
+    return names;
+}
+
+// Every arrangement holds one song track per track, in track order, pointing back at both.
+void expectSongTracksFollowTracks(const CSeq& seq) {
+    for (int32_t p = 0; p < seq.programs.count(); ++p) {
+        const CSeqProg* prog = seq.prog(p);
+        ASSERT_EQ(prog->songTracks.count(), seq.tracks.count()) << "arrangement " << p;
+        for (int32_t t = 0; t < seq.tracks.count(); ++t) {
+            EXPECT_EQ(prog->songTracks.getAt(t)->track, seq.tracks.getAt(t)) << "arrangement " << p << " row " << t;
+            EXPECT_EQ(prog->songTracks.getAt(t)->prog, prog);
+        }
+    }
+}
+
+// The sequencer's terminal lists hold exactly the tracks' terminals, in track order, owned by it.
+template <class T>
+void expectTerminalsInTrackOrder(const CSeq& seq, const TList<T>& list, TList<T> CComp::*view) {
+    std::vector<const T*> expected;
+    for (const CTrack* track : seq.tracks)
+        for (const T* terminal : track->*view) expected.push_back(terminal);
+    std::vector<const T*> actual(list.begin(), list.end());
+    EXPECT_EQ(actual, expected);
+    for (const T* terminal : list) EXPECT_EQ(terminal->owner, &seq);
+}
+
+void expectTerminalsInTrackOrder(const CSeq& seq) {
+    expectTerminalsInTrackOrder(seq, seq.inputPorts, &CComp::inputPorts);
+    expectTerminalsInTrackOrder(seq, seq.outputPorts, &CComp::outputPorts);
+    expectTerminalsInTrackOrder(seq, seq.inputChannels, &CComp::inputChannels);
+    expectTerminalsInTrackOrder(seq, seq.outputChannels, &CComp::outputChannels);
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Event chains
+
+struct InsertRow {
+    const char* what;
+    std::vector<int32_t> existing;  // absolute ticks of keys 1, 2, ...
+    int32_t tick;                   // the new event, key 99
+    std::vector<Placed> expected;
+};
+
+class PartInsertEvent : public testing::TestWithParam<InsertRow> {};
+
+TEST_P(PartInsertEvent, KeepsOrderAndDeltas) {
+    const InsertRow& row = GetParam();
+    CMIDIPart part;
+    for (size_t i = 0; i < row.existing.size(); ++i) insertEvent(part, row.existing[i], note(static_cast<uint8_t>(i + 1)));
+    insertEvent(part, row.tick, note(99));
+    EXPECT_EQ(chainOf(part.getEvents()), row.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Part, PartInsertEvent,
+    testing::Values(InsertRow{"into an empty part", {}, 70, {{99, 70}}},
+                    InsertRow{"before the head", {100, 200}, 40, {{99, 40}, {1, 60}, {2, 100}}},
+                    InsertRow{"at tick 0 behind a head there", {0, 10}, 0, {{1, 0}, {99, 0}, {2, 10}}},
+                    InsertRow{"equal to the head goes behind it", {100, 200}, 100, {{1, 100}, {99, 0}, {2, 100}}},
+                    InsertRow{"equal to several goes behind all", {100, 100, 300}, 100,
+                              {{1, 100}, {2, 0}, {99, 0}, {3, 200}}},
+                    InsertRow{"into the middle", {100, 200}, 130, {{1, 100}, {99, 30}, {2, 70}}},
+                    InsertRow{"behind the last", {100, 200}, 500, {{1, 100}, {2, 100}, {99, 300}}}),
+    [](const testing::TestParamInfo<InsertRow>& info) {
+        std::string name;
+        for (const char* c = info.param.what; *c; ++c) name += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
+        return name;
+    });
+
+TEST(PartChain, InsertingIntoAGhostFillsItsSource) {
+    CSeq seq(nullptr);
+    auto* original = new CMIDIPart();
+    insertEvent(*original, 100, note(1));
+    std::unique_ptr<CPart> ghost(makeGhost(seq, *original, true));
+    insertEvent(*ghost, 50, note(2));
+
+    ASSERT_EQ(seq.ghostSources.count(), 1);
+    const CPart* source = seq.ghostSources.getAt(0);
+    EXPECT_EQ(chainOf(source->events), (std::vector<Placed>{{2, 50}, {1, 50}}));
+    EXPECT_EQ(ghost->events, nullptr);
+    EXPECT_EQ(original->getEvents(), source->events);
+    delete original;
+}
+
+TEST(PartLength, ZeroPlaysAsOneQuarter) {
+    CSeq seq(nullptr);
+    const std::pair<int32_t, int32_t> rows[] = {{0, 960}, {1, 1}, {7680, 7680}};
+    for (auto [length, expected] : rows) {
+        CMIDIPart part;
+        part.start = 480;
+        part.length = length;
+        EXPECT_EQ(partPlayLength(seq, part), expected) << "length " << length;
+        EXPECT_EQ(part.end(), 480 + expected);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Ghosts and duplicates
+
+// A plain part with two notes and one automation point, as the tests below duplicate it.
+std::unique_ptr<CPart> filledPart() {
+    auto part = std::make_unique<CMIDIPart>();
+    part->name = "verse";
+    part->start = 3840;
+    part->offset = 120;
+    part->length = 1920;
+    part->color = 0x123456;
+    insertEvent(*part, 0, note(60));
+    insertEvent(*part, 480, note(64));
+    auto* point = new CAutomationRec();
+    point->value = 0.5f;
+    part->automation[3] = point;
+    return part;
+}
+
+TEST(GhostDuplicate, PlainPartAsGhostGivesTwoGhostsOfOneHiddenSource) {
+    CSeq seq(nullptr);
+    std::unique_ptr<CPart> part = filledPart();
+    CEventRec* const head = part->events;
+    CEventRec* const point = part->automation[3];
+
+    std::unique_ptr<CPart> duplicate(makeGhost(seq, *part, true));
+
+    ASSERT_EQ(seq.ghostSources.count(), 1);
+    CPart* source = seq.ghostSources.getAt(0);
+    EXPECT_EQ(source->ghostSource, nullptr) << "a source is never itself a ghost";
+    EXPECT_EQ(part->ghostSource, source);
+    EXPECT_EQ(duplicate->ghostSource, source);
+    // The content moved, it was not copied: the source holds the very chains the part had.
+    EXPECT_EQ(source->events, head);
+    EXPECT_EQ(source->automation[3], point);
+    EXPECT_EQ(part->events, nullptr);
+    EXPECT_EQ(part->automation[3], nullptr);
+    for (const CPart* ghost : {part.get(), duplicate.get()}) {
+        EXPECT_EQ(ghost->getEvents(), head);
+        EXPECT_EQ(ghost->getAutomation(3), point);
+        EXPECT_EQ(ghost->start, 3840);
+        EXPECT_EQ(ghost->offset, 120);
+        EXPECT_EQ(ghost->length, 1920);
+    }
+    EXPECT_STREQ(source->name.c_str(), "verse");
+    EXPECT_EQ(source->start, 3840);
+}
+
+TEST(GhostDuplicate, DuplicatingAGhostGivesAGhostOfTheSameSource) {
+    CSeq seq(nullptr);
+    std::unique_ptr<CPart> part = filledPart();
+    std::unique_ptr<CPart> first(makeGhost(seq, *part, true));
+    std::unique_ptr<CPart> second(makeGhost(seq, *first, true));
+
+    EXPECT_EQ(seq.ghostSources.count(), 1) << "no second source";
+    EXPECT_EQ(second->ghostSource, part->ghostSource);
+    EXPECT_EQ(second->getEvents(), part->getEvents());
+}
+
+TEST(GhostDuplicate, GetEventsFollowsOneLinkOnly) {
+    CMIDIPart source;
+    insertEvent(source, 10, note(1));
+    CMIDIPart middle;  // a ghost of a ghost never arises; if it did, only the first link would be followed
+    insertEvent(middle, 20, note(2));
+    CMIDIPart ghost;
+    ghost.ghostSource = &middle;
+    middle.ghostSource = &source;
+
+    EXPECT_EQ(ghost.getEvents(), middle.events);
+    // Unlinked again so that each part frees its own chain.
+    middle.ghostSource = nullptr;
+    ghost.ghostSource = nullptr;
+}
+
+TEST(GhostDuplicate, UnghostedCopyOfAGhostIsIndependentAndPlacedLikeTheGhost) {
+    CSeq seq(nullptr);
+    std::unique_ptr<CPart> part = filledPart();
+    std::unique_ptr<CPart> ghost(makeGhost(seq, *part, true));
+    ghost->start = 9600;
+    ghost->length = 960;
+    ghost->name = "moved";
+    ghost->flags = partflag::muted;
+
+    std::unique_ptr<CPart> copy(makeGhost(seq, *ghost, false));
+
+    EXPECT_EQ(copy->ghostSource, nullptr);
+    EXPECT_EQ(copy->start, 9600);
+    EXPECT_EQ(copy->length, 960);
+    EXPECT_STREQ(copy->name.c_str(), "moved");
+    EXPECT_EQ(copy->flags.load(), partflag::muted);
+    const CPart* source = seq.ghostSources.getAt(0);
+    EXPECT_EQ(chainOf(copy->events), chainOf(source->events));
+    EXPECT_NE(copy->events, source->events);
+    ASSERT_NE(copy->automation[3], nullptr);
+    EXPECT_NE(copy->automation[3], source->automation[3]);
+    EXPECT_EQ(seq.ghostSources.count(), 1);
+}
+
+TEST(GhostDuplicate, AudioPartsGhostOnlyWithSeveralClips) {
+    struct Row {
+        int32_t multiClip;
+        bool asGhost;
+        bool expectGhost;
+    };
+    for (Row row : {Row{0, true, false}, Row{1, true, true}, Row{1, false, false}, Row{0, false, false}}) {
+        CSeq seq(nullptr);
+        CAudioPart part;
+        part.multiClip = row.multiClip;
+        part.events = new CAudioEventRec();
+        std::unique_ptr<CPart> duplicate(makeGhost(seq, part, row.asGhost));
+        EXPECT_EQ(duplicate->isGhost(), row.expectGhost) << "multiClip " << row.multiClip << " asGhost " << row.asGhost;
+        EXPECT_EQ(seq.ghostSources.count(), row.expectGhost ? 1 : 0);
+        EXPECT_EQ(static_cast<CAudioPart&>(*duplicate).multiClip, row.multiClip);
+    }
+}
+
+// Each way of duplicating, then freeing one side first and the other later: the survivor's chains stay
+// whole (AddressSanitizer reports any chain freed twice or read after its free).
+TEST(GhostDuplicate, FreeingOneSideNeverFreesTheOthersChains) {
+    for (bool asGhost : {false, true}) {
+        for (bool freeDuplicateFirst : {false, true}) {
+            auto seq = std::make_unique<CSeq>(nullptr);
+            std::unique_ptr<CPart> part = filledPart();
+            std::unique_ptr<CPart> duplicate(makeGhost(*seq, *part, asGhost));
+            std::unique_ptr<CPart>& gone = freeDuplicateFirst ? duplicate : part;
+            const CPart& survivor = *(freeDuplicateFirst ? part : duplicate);
+            gone.reset();
+            EXPECT_EQ(chainOf(survivor.getEvents()), (std::vector<Placed>{{60, 0}, {64, 480}}))
+                << "asGhost " << asGhost << " duplicate freed first " << freeDuplicateFirst;
+            ASSERT_NE(survivor.getAutomation(3), nullptr);
+            EXPECT_EQ(static_cast<const CAutomationRec*>(survivor.getAutomation(3))->value, 0.5f);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Tracks
+
+TEST(TrackCreate, TerminalsLanesAndLooksByType) {
+    enum Automation { none, inputPort, outputPort };
+    struct Row {
+        int32_t type;
+        const char* name;
+        int32_t inPorts, outPorts, inChannels, outChannels;
+        bool velocityLane;
+        int32_t height;
+        bool expanded;
+        Automation automation;
+    };
+    const Row rows[] = {
+        {trackFolder, "folder1", 0, 0, 0, 0, false, 21, true, none},
+        {trackInstrument, "instrument1", 1, 1, 0, 0, true, 40, false, outputPort},
+        {trackAudio, "audio1", 1, 1, 1, 1, true, 40, false, inputPort},
+        {trackDrum, "drum1", 1, 0, 0, 1, false, 40, false, inputPort},
+        {7, "track1", 0, 0, 0, 0, false, 40, false, none},
+    };
+    for (const Row& row : rows) {
+        Project project;
+        CTrack* track = addTrack(*project.seq, row.type, nullptr, -1);
+        SCOPED_TRACE(row.name);
+        EXPECT_STREQ(track->name.c_str(), row.name);
+        EXPECT_EQ(track->inputPorts.count(), row.inPorts);
+        EXPECT_EQ(track->outputPorts.count(), row.outPorts);
+        EXPECT_EQ(track->inputChannels.count(), row.inChannels);
+        EXPECT_EQ(track->outputChannels.count(), row.outChannels);
+        for (const CInputChannel* channel : track->inputChannels) EXPECT_EQ(channel->buffer.frames(), project.engine.blockSize);
+        for (const COutputChannel* channel : track->outputChannels) EXPECT_EQ(channel->buffer.frames(), project.engine.blockSize);
+        expectTerminalsInTrackOrder(*project.seq);
+        ASSERT_EQ(track->subTracks.count(), row.velocityLane ? 1 : 0);
+        if (row.velocityLane) {
+            EXPECT_EQ(track->subTracks.getAt(0)->laneKind, laneVelocity);
+            EXPECT_STREQ(track->subTracks.getAt(0)->name.c_str(), "Velocity");
+        }
+        EXPECT_EQ(track->height, row.height);
+        EXPECT_EQ((track->flags.load() & trackflag::expanded) != 0, row.expanded);
+        EXPECT_EQ(track->noteHeight, 8);
+        const CMIDIQ* automation[] = {nullptr, track->firstInputPort(), track->firstOutputPort()};
+        EXPECT_EQ(track->automationPort(), automation[row.automation]);
+        EXPECT_EQ(project.seq->midiCablesIn.count() + project.seq->audioCablesIn.count(), 0)
+            << "a track made without a step is not wired";
+    }
+}
+
+TEST(TrackName, SmallestFreeNumberOfTheTypeWord) {
+    struct Row {
+        std::vector<const char*> existing;
+        int32_t type;
+        const char* expected;
+    };
+    const Row rows[] = {
+        {{}, trackInstrument, "instrument1"},
+        {{"instrument1"}, trackInstrument, "instrument2"},
+        {{"instrument2"}, trackInstrument, "instrument1"},
+        {{"instrument1", "instrument3"}, trackInstrument, "instrument2"},
+        {{"instrument1", "instrument2", "instrument3"}, trackInstrument, "instrument4"},
+        {{"audio1", "folder1", "drum1"}, trackInstrument, "instrument1"},
+        {{"Instrument1"}, trackInstrument, "instrument1"},
+        {{"instrument01"}, trackInstrument, "instrument1"},
+        {{"audio1"}, trackAudio, "audio2"},
+        {{"folder1"}, trackFolder, "folder2"},
+        {{}, trackDrum, "drum1"},
+        {{"track1"}, 9, "track2"},
+    };
+    for (const Row& row : rows) {
+        Project project;
+        for (const char* name : row.existing) addTrack(*project.seq, trackFolder, nullptr, -1)->name = name;
+        EXPECT_STREQ(trackName(*project.seq, row.type).c_str(), row.expected) << "after " << namesOf(project.seq->tracks);
+    }
+}
+
+TEST(TrackLookup, TerminalsLeadBackToTheirTrack) {
+    Project project;
+    CTrack* instrument = addTrack(*project.seq, trackInstrument, nullptr, -1);
+    CTrack* audio = addTrack(*project.seq, trackAudio, nullptr, -1);
+    CTrack* drum = addTrack(*project.seq, trackDrum, nullptr, -1);
+    for (CTrack* track : {instrument, audio, drum}) {
+        for (CIO* io : std::vector<CIO*>{track->firstInputPort(), track->firstOutputPort(), track->firstInputChannel(),
+                                         track->firstOutputChannel()}) {
+            if (!io) continue;
+            EXPECT_EQ(project.seq->trackOf(io), track);
+            EXPECT_STREQ(project.seq->channelLabel(io).c_str(), track->name.c_str());
+        }
+    }
+    EXPECT_EQ(project.seq->findTrack(audio->firstOutputChannel()), audio);
+    EXPECT_EQ(project.seq->findTrack(drum->firstOutputChannel()), drum);
+    EXPECT_EQ(project.seq->findTrack(project.audioOut->firstOutputChannel()), nullptr);
+    EXPECT_EQ(project.seq->trackOf(project.midiIn->firstOutputPort()), nullptr);
+    EXPECT_STREQ(project.seq->channelLabel(nullptr).c_str(), project.seq->name.c_str());
+}
+
+TEST(TrackInsert, SongTracksAndTerminalsFollowTrackOrderInEveryArrangement) {
+    Project project;
+    CSeq& seq = *project.seq;
+    seq.addProg();
+    const std::pair<int32_t, int32_t> adds[] = {
+        {trackAudio, -1}, {trackInstrument, 0}, {trackDrum, 1}, {trackAudio, 99}, {trackInstrument, 2}, {trackFolder, 0},
+    };
+    for (auto [type, index] : adds) {
+        CTrack* track = addTrack(seq, type, nullptr, index);
+        const int32_t expectedAt = index < 0 || index >= seq.tracks.count() ? seq.tracks.count() - 1 : index;
+        EXPECT_EQ(seq.tracks.indexOf(track), expectedAt) << "type " << type << " index " << index;
+        expectSongTracksFollowTracks(seq);
+        expectTerminalsInTrackOrder(seq);
+    }
+    EXPECT_EQ(namesOf(seq.tracks), "folder1 instrument1 drum1 instrument2 audio1 audio2 ");
+    seq.addProg();
+    expectSongTracksFollowTracks(seq);
+}
+
+TEST(ModelProg, NamedMixWithTheSmallestFreeNumber) {
+    struct Row {
+        std::vector<const char*> renames;  // names given to the existing arrangements, in order
+        const char* expected;
+    };
+    const Row rows[] = {
+        {{"Mix 1"}, "Mix 2"},
+        {{"Mix 2"}, "Mix 1"},
+        {{"Mix 1", "Mix 3"}, "Mix 2"},
+        {{"Mix 1", "Mix 2", "Mix 3"}, "Mix 4"},
+        {{"Mix1", "mix 1"}, "Mix 1"},
+    };
+    for (const Row& row : rows) {
+        Project project;
+        CSeq& seq = *project.seq;
+        ASSERT_EQ(seq.programs.count(), 1) << "a new sequencer starts with one arrangement";
+        EXPECT_STREQ(seq.prog(0)->name.c_str(), "Mix 1");
+        while (seq.programs.count() < static_cast<int32_t>(row.renames.size())) seq.addProg();
+        for (size_t i = 0; i < row.renames.size(); ++i) seq.prog(static_cast<int32_t>(i))->name = row.renames[i];
+        EXPECT_STREQ(seq.addProg()->name.c_str(), row.expected);
+    }
+}
+
+TEST(ModelCreate, FactoryMakesASequencer) {
+    CQV engine(EngineOptions{false, 1});
+    registerSequencerTypes();
+    std::unique_ptr<CComp> comp(createComp(&engine, compSequencer));
+    EXPECT_NE(dynamic_cast<CSeq*>(comp.get()), nullptr);
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Adding tracks through undo steps
+
+CUndo* addTrackStep(Project& project, int32_t type, int32_t index = -1) {
+    CUndo* step = beginUndo(project.engine, addTrackTitle(type), project.seq, 0);
+    addTrack(*project.seq, type, step, index);
+    return step;
+}
+
+TEST(ModelUndo, NewTracksEnterAtTheEndOfACycleWiredToTheDevices) {
+    Project project;
+    CSeq& seq = *project.seq;
+    const std::string empty = modeldump::dump(seq);
+    CUndo* step = addTrackStep(project, trackInstrument);
+    EXPECT_EQ(modeldump::dump(seq), empty) << "building the step leaves the model alone";
+
+    project.apply(step);
+    ASSERT_EQ(seq.tracks.count(), 1);
+    CTrack* instrument = seq.tracks.getAt(0);
+    ASSERT_EQ(seq.midiCablesIn.count(), 1);
+    const CMIDICable* midi = seq.midiCablesIn.getAt(0);
+    EXPECT_EQ(midi->output, project.midiIn->firstOutputPort());
+    EXPECT_EQ(midi->input, instrument->firstInputPort());
+    EXPECT_EQ(midi->source, project.midiIn);
+    EXPECT_EQ(midi->destination, &seq);
+
+    project.apply(addTrackStep(project, trackAudio, 0));
+    ASSERT_EQ(seq.tracks.count(), 2);
+    CTrack* audio = seq.tracks.getAt(0);
+    EXPECT_STREQ(audio->name.c_str(), "audio1");
+    ASSERT_EQ(seq.audioCablesIn.count(), 1);
+    const CAudioCable* in = seq.audioCablesIn.getAt(0);
+    EXPECT_EQ(in->output, project.audioIn->firstOutputChannel());
+    EXPECT_EQ(in->input, audio->firstInputChannel());
+    EXPECT_EQ(in->destination, &seq);
+    ASSERT_EQ(project.audioOut->audioCablesIn.count(), 1);
+    const CAudioCable* out = project.audioOut->audioCablesIn.getAt(0);
+    EXPECT_EQ(out->output, audio->firstOutputChannel());
+    EXPECT_EQ(out->input, project.audioOut->firstInputChannel());
+    EXPECT_EQ(out->source, &seq);
+
+    expectSongTracksFollowTracks(seq);
+    expectTerminalsInTrackOrder(seq);
+}
+
+TEST(ModelUndo, UndoAndRedoRestoreTheDumpExactly) {
+    Project project;
+    CSeq& seq = *project.seq;
+    seq.addProg();
+    project.apply(addTrackStep(project, trackInstrument));
+    const std::string before = modeldump::dump(seq);
+
+    project.apply(addTrackStep(project, trackAudio, 0));
+    const std::string after = modeldump::dump(seq);
+    ASSERT_NE(after, before);
+
+    project.undo();
+    EXPECT_EQ(modeldump::dump(seq), before);
+    project.redo();
+    EXPECT_EQ(modeldump::dump(seq), after);
+    expectTerminalsInTrackOrder(seq);
+}
+
+TEST(ModelUndo, SeveralTracksInOneStepGetDistinctNamesAndKeepTheirOrder) {
+    Project project;
+    CSeq& seq = *project.seq;
+    addTrack(seq, trackInstrument, nullptr, -1);
+    CUndo* step = beginUndo(project.engine, "Add Track", &seq, 48);
+    for (int32_t index : {0, 1, 2}) addTrack(seq, trackInstrument, step, index);
+    project.apply(step);
+    EXPECT_EQ(namesOf(seq.tracks), "instrument2 instrument3 instrument4 instrument1 ");
+    expectSongTracksFollowTracks(seq);
+    expectTerminalsInTrackOrder(seq);
+}
+
+// A step that never ran, and a step cut off from the history after its undo, delete what they held:
+// the track, its terminals, song tracks and cables, each once (checked under AddressSanitizer).
+TEST(ModelUndo, DroppedStepsFreeWhatTheyHeldOnce) {
+    Project project;
+    delete addTrackStep(project, trackAudio);
+
+    project.apply(addTrackStep(project, trackAudio));
+    project.apply(addTrackStep(project, trackInstrument));
+    project.undo();
+    EXPECT_EQ(project.seq->tracks.count(), 1);
+    project.apply(addTrackStep(project, trackFolder));
+    EXPECT_EQ(namesOf(project.seq->tracks), "audio1 folder1 ");
+    EXPECT_EQ(project.seq->midiCablesIn.count(), 0);
+    expectTerminalsInTrackOrder(*project.seq);
+}
+
+TEST(ModelUndo, SwappedPartContentComesBackOnUndo) {
+    Project project;
+    CSeq& seq = *project.seq;
+    addTrack(seq, trackInstrument, nullptr, -1);
+    auto* part = new CMIDIPart();
+    insertEvent(*part, 0, note(60));
+    seq.prog(0)->songTracks.getAt(0)->parts.add(part);
+    std::unique_ptr<CPart> ghost(makeGhost(seq, *part, true));
+    const std::string before = modeldump::dump(seq);
+
+    CPart* copy = part->contentHolder()->clone(0);
+    insertEvent(*copy, 240, note(62));
+    CUndo* step = beginUndo(project.engine, "Insert note", &seq, 0);
+    swapPart(*step, ghost.get(), copy);
+    EXPECT_EQ(chainOf(part->getEvents()), (std::vector<Placed>{{60, 0}, {62, 240}})) << "every ghost plays the edit";
+    project.apply(step);
+    const std::string after = modeldump::dump(seq);
+
+    project.undo();
+    EXPECT_EQ(modeldump::dump(seq), before);
+    EXPECT_EQ(chainOf(ghost->getEvents()), (std::vector<Placed>{{60, 0}}));
+    project.redo();
+    EXPECT_EQ(modeldump::dump(seq), after);
+}
+
+TEST(ModelDump, NamesObjectsByPlaceNotAddress) {
+    auto build = [] {
+        auto project = std::make_unique<Project>();
+        CSeq& seq = *project->seq;
+        addTrack(seq, trackAudio, nullptr, -1);
+        addTrack(seq, trackInstrument, nullptr, 0);
+        auto* part = new CMIDIPart();
+        insertEvent(*part, 10, note(1));
+        part->songTrack = seq.prog(0)->songTracks.getAt(1);
+        part->songTrack->parts.add(part);
+        part->songTrack->parts.add(makeGhost(seq, *part, true));
+        seq.prog(0)->tempos.add(new CTempoPart());
+        return project;
+    };
+    std::unique_ptr<Project> first = build();
+    std::unique_ptr<Project> second = build();
+    const std::string text = modeldump::dump(*first->seq);
+    EXPECT_EQ(text, modeldump::dump(*second->seq));
+    EXPECT_NE(text.find("ghost=source0"), std::string::npos) << text;
+    EXPECT_EQ(text.find('?'), std::string::npos) << "every reference resolves:\n" << text;
+
+    first->seq->tracks.getAt(0)->transpose = 1;
+    EXPECT_NE(modeldump::dump(*first->seq), text);
+}
+
+}  // namespace

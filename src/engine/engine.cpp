@@ -37,6 +37,7 @@ CQV::CQV(EngineOptions options)
 CQV::~CQV() {
     workers.reset();
     undoSteps.deleteAll();
+    retiredSteps.deleteAll();
     groupChannels.deleteAll();
     removedCables.deleteAll();
     comps.deleteAll();
@@ -466,7 +467,7 @@ void CQV::setSampleRate(double rate) {
 }
 
 void CQV::clear() {
-    undoSteps.deleteAll();
+    deleteStepsAbove(-1);
     undoIndex = -1;
     groupChannels.deleteAll();
     removedCables.deleteAll();
@@ -510,32 +511,71 @@ void CQV::guiTick() {
     if (mainWindowTick) mainWindowTick();
 
     deferred->drainFromTick();
+    deleteRetiredSteps();
     inTick_.store(false);
+}
+
+void CQV::discardStep(CUndo* step) {
+    if (step->queued.load(std::memory_order_acquire) > 0) retiredSteps.add(step);
+    else delete step;
 }
 
 void CQV::deleteStepsAbove(int32_t index) {
     while (undoSteps.count() > index + 1) {
         CUndo* step = undoSteps.getAt(undoSteps.count() - 1);
         undoSteps.removeAt(undoSteps.count() - 1);
+        discardStep(step);
+    }
+}
+
+void CQV::deleteRetiredSteps() {
+    for (int32_t i = retiredSteps.count() - 1; i >= 0; --i) {
+        CUndo* step = retiredSteps.getAt(i);
+        if (step->queued.load(std::memory_order_acquire) > 0) continue;
+        retiredSteps.removeAt(i);
         delete step;
     }
 }
 
-void CQV::applyUndo(void* step) { static_cast<CUndo*>(step)->apply(*this); }
+// Counting down is the last touch of the step, so that the GUI thread may delete it from then on.
+template <void (CUndo::*Run)(CQV&)>
+void CQV::runStep(void* step) {
+    auto* undoStep = static_cast<CUndo*>(step);
+    (undoStep->*Run)(*this);
+    undoStep->queued.fetch_sub(1, std::memory_order_release);
+}
+
+bool CQV::queueStep(CDeferredAction action, CUndo* step) {
+    step->queued.fetch_add(1, std::memory_order_relaxed);
+    if (defer(action, step)) return true;
+    step->queued.fetch_sub(1, std::memory_order_relaxed);
+    return false;
+}
 
 void CQV::postUndo(CUndo* step, bool wait) {
     if (!step) return;
     if (!step->hasItems()) {
+        editOpen.store(false, std::memory_order_relaxed);
         CComp* target = step->owner ? step->owner : this;
         target->raise(step->flags);
         delete step;
         return;
     }
+    deleteRetiredSteps();
     modified = true;
+    // A step posted again from the redo tail must not be deleted with that tail.
+    if (undoSteps.indexOf(step) > undoIndex) undoSteps.remove(step);
     deleteStepsAbove(undoIndex);
     if (undoSteps.indexOf(step) < 0) undoSteps.add(step);
+    if (!queueStep(CDeferredAction::of<&CQV::runStep<&CUndo::apply>>(this), step)) {
+        // A step that never ran must not stay: undoing it would run its moves backwards. What it holds
+        // (a new object) goes with it; words the caller already wrote keep their new values.
+        undoSteps.remove(step);
+        discardStep(step);
+        editOpen.store(false, std::memory_order_relaxed);
+        return;
+    }
     undoIndex = undoSteps.indexOf(step);
-    defer(CDeferredAction::of<&CQV::applyUndo>(this), step);
     if (wait) {
         while (deferred->count() >= 1) {
             guiTick();
@@ -547,16 +587,14 @@ void CQV::postUndo(CUndo* step, bool wait) {
 void CQV::undo() {
     if (recording.load(std::memory_order_relaxed)) return;
     CUndo* step = undoSteps.getAt(undoIndex);
-    if (!step || step->done) return;
-    defer({[](void* engine, void* s) { static_cast<CUndo*>(s)->revert(*static_cast<CQV*>(engine)); }, this}, step);
-    undoIndex = std::max(undoIndex - 1, -1);
+    if (!step || !queueStep(CDeferredAction::of<&CQV::runStep<&CUndo::revert>>(this), step)) return;
+    --undoIndex;
 }
 
 void CQV::redo() {
     if (recording.load(std::memory_order_relaxed)) return;
     CUndo* step = undoSteps.getAt(undoIndex + 1);
-    if (!step) return;
-    defer({[](void* engine, void* s) { static_cast<CUndo*>(s)->reapply(*static_cast<CQV*>(engine)); }, this}, step);
+    if (!step || !queueStep(CDeferredAction::of<&CQV::runStep<&CUndo::reapply>>(this), step)) return;
     ++undoIndex;
 }
 

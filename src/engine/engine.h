@@ -76,7 +76,10 @@ public:
 
     // GUI thread. False when the queue was full.
     bool defer(CDeferredAction action, void* argument) { return deferred->defer(action, argument); }
+    // Takes the step. It is applied through the deferred queue; with wait, the GUI timers are pumped
+    // until the queue is empty. A step with no items only raises its flags on its owner.
     void postUndo(CUndo* step, bool wait);
+    // Queue the reverse (undo) or the repeat (redo) of a step like postUndo; refused while recording.
     void undo();
     void redo();
     bool canUndo() const { return undoIndex >= 0; }
@@ -115,7 +118,11 @@ public:
     int32_t framesPerMs = 44;
     CComp* sequencer = nullptr;
     TList<CUndo> undoSteps;  // owned
+    // Steps cut off from the history while runs of them still waited in the queue; deleted once they ran.
+    TList<CUndo> retiredSteps;  // owned
     CUndo* recordUndo = nullptr;
+    // A step is being built (beginUndo); cleared when a step is applied or an empty one posted.
+    std::atomic<bool> editOpen{false};
     int32_t timeSigNum = 4, timeSigDen = 4;
     ModSlot modSlots[maxModSlots];
     int32_t modSlotCount = 0;
@@ -152,8 +159,12 @@ private:
     void runGraph(int32_t frames);
     void sumAndPull(CAudioCable& cable, int32_t frames);
     void compensateLatency();
-    void applyUndo(void* step);
+    template <void (CUndo::*Run)(CQV&)>
+    void runStep(void* step);
+    bool queueStep(CDeferredAction action, CUndo* step);
     void deleteStepsAbove(int32_t index);
+    void discardStep(CUndo* step);
+    void deleteRetiredSteps();
     template <class Fn>
     void forEachComponent(Fn fn);
 

@@ -234,7 +234,7 @@ void CUndo::raiseFlags(CQV& engine, int32_t direction) {
 }
 
 void CUndo::apply(CQV& engine) {
-    for (CUndoItem* item : items) runItem(engine, *this, *item, undodirection::forward, false);
+    for (CUndoItem* item : items) runItem(engine, *this, *item, undodirection::forward, item->swapOnApply);
     raiseFlags(engine, undodirection::forward);
     engine.editOpen.store(false, std::memory_order_relaxed);
 }
@@ -323,5 +323,27 @@ CUndoItem& savePointer(CUndo& step, void** cell) {
     CUndoItem& item = addItem(step);
     item.pointerCell = cell;
     std::memcpy(&item.pointerValue, cell, sizeof(item.pointerValue));
+    return item;
+}
+
+CUndoItem& changeWord(CUndo& step, int32_t* cell, int32_t value) {
+    CUndoItem& item = addItem(step);
+    item.wordCell = cell;
+    item.wordValue = value;
+    item.swapOnApply = true;
+    return item;
+}
+
+CUndoItem& changeSecond(CUndo& step, float* cell, float value) {
+    CUndoItem& item = addItem(step);
+    item.secondCell = reinterpret_cast<int32_t*>(cell);
+    std::memcpy(&item.secondValue, &value, sizeof(item.secondValue));
+    item.swapOnApply = true;
+    return item;
+}
+
+CUndoItem& swapContentsOnApply(CUndo& step, CObject* object, CObject* other, SwapContents swap) {
+    CUndoItem& item = swapContentsItem(step, object, other, swap);
+    item.swapOnApply = true;
     return item;
 }

@@ -73,6 +73,9 @@ public:
     CList* applyTo = nullptr;
     uint32_t kindFlags = 0;  // for the subsystem that built the item: how a detached object is cleaned up
     SwapContents swapContents = nullptr;
+    // The saved values and contents are the new ones: the first run swaps them in, on the audio thread,
+    // so a value the cycle reads is never written while it runs.
+    bool swapOnApply = false;
     CUndoItem* previous = nullptr;  // set by an undo, which walks the step backwards without memory
 
     // Cables that touched the object when it left the graph, and where each came from.
@@ -130,6 +133,11 @@ CUndoItem& saveWord(CUndo& step, int32_t* cell);
 CUndoItem& saveSecond(CUndo& step, int32_t* cell);
 CUndoItem& saveSecond(CUndo& step, float* cell);
 CUndoItem& savePointer(CUndo& step, void** cell);
+// The cell takes `value` when the step is applied, at the end of a cycle; undo and redo swap as above.
+CUndoItem& changeWord(CUndo& step, int32_t* cell, int32_t value);
+CUndoItem& changeSecond(CUndo& step, float* cell, float value);
+// Like swapContentsItem, but the contents are swapped when the step is applied, not by the caller.
+CUndoItem& swapContentsOnApply(CUndo& step, CObject* object, CObject* other, SwapContents swap);
 template <class T>
 CUndoItem& savePointer(CUndo& step, T** cell) {
     static_assert(sizeof(T*) == sizeof(void*));

@@ -50,8 +50,6 @@ public:
     void beginCycle(int32_t frames) override;
     void setBlockSize(int32_t frames) override;
     void process(int32_t frames) override;
-    void processStrip(int32_t frames) override;
-    void addPlayingNotes(CMIDIQ& port) override;
     CComp* findTrack(const COutputChannel* channel) const override;
     CString channelLabel(const CIO* io) const override;
     // Bit 32: puts the terminals back into track order after tracks came or went.
@@ -67,7 +65,9 @@ public:
 
     TList<CTrack> tracks;        // owned
     TList<CPart> ghostSources;   // owned; hidden sources of ghost parts, never played
-    uint8_t options[32] = {1, 1, 1, 0, 1, 2, 1, 1};
+    // Bytes 8..11 hold the track list width, 64.0f little-endian; byte 27 is "Rewind on stop", on.
+    uint8_t options[32] = {1, 1, 1, 0, 1, 2, 1, 1, 0x00, 0x00, 0x80, 0x42, 0, 0, 0, 0,
+                           0, 0, 0, 0, 0, 0, 0, 0,    0,    0,    0,    1,    0, 0, 0, 0};
     int32_t noteLength = 240;
     int32_t noteVelocity = 100;
     int32_t sync = 0;
@@ -84,7 +84,6 @@ public:
 private:
     void runProg(CSeqProg& prog, int32_t frames);
     void startProg(CSeqProg& prog);
-    void followTempo();
 };
 
 // Lets createComp make a sequencer for its type number.

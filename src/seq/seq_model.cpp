@@ -226,10 +226,9 @@ CPart* makeGhost(CSeq& seq, CPart& part, bool asGhost) {
 }
 
 void swapPart(CUndo& undo, CPart* part, CPart* copy) {
-    // Edits of a ghost are edits of what all its ghosts play.
-    CPart* holder = part->contentHolder();
-    holder->swapContents(copy);
-    swapContentsItem(undo, holder, copy, [](CObject* object, CObject* other) {
+    // Edits of a ghost are edits of what all its ghosts play. The chains change hands when the step is
+    // applied, at the end of a cycle, so the cycle never reads a chain while it is being swapped.
+    swapContentsOnApply(undo, part->contentHolder(), copy, [](CObject* object, CObject* other) {
         static_cast<CPart*>(object)->swapContents(static_cast<CPart*>(other));
     });
 }

@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc)
 CMAKE ?= cmake
 CTEST ?= ctest
 SANITIZED_TARGETS = sanitized_tests
-SANITIZED_LABELS = engine|core|platform|seq
+SANITIZED_LABELS = engine|core|platform|seq|fx
 
 .PHONY: all bootstrap release run test test-release test-asan test-tsan bench clang clean
 
@@ -44,7 +44,7 @@ test-tsan: bootstrap build/tsan/build.ninja
 	$(CTEST) --test-dir build/tsan --output-on-failure -j $(JOBS) -L '$(SANITIZED_LABELS)'
 
 bench: release
-	build/release/bench/engine_bench
+	for b in build/release/bench/*_bench; do $$b || exit 1; done
 
 clang: bootstrap
 	$(CMAKE) --preset clang

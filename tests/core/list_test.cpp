@@ -21,51 +21,45 @@ void fill(CList& list, int n) {
     for (int i = 0; i < n; ++i) list.add(item(i));
 }
 
+struct Counted {
+    explicit Counted(int& alive) : alive(alive) { ++alive; }
+    ~Counted() { --alive; }
+    int& alive;
+};
+
 }  // namespace
 
-TEST(List, GetAtAndIndexOfStayInsideTheList) {
+TEST(List, LookupsStayInsideTheList) {
     CList list;
     EXPECT_EQ(list.getAt(0), nullptr);
     EXPECT_EQ(list.first(), nullptr);
-    fill(list, 3);
+    fill(list, 2);
+    list.addUnique(item(0));
+    list.addUnique(item(2));
+    list.add(item(0));
+    EXPECT_EQ(cells(list), (std::vector<void*>{item(0), item(1), item(2), item(0)})) << "addUnique skips a present item";
     EXPECT_EQ(list.getAt(-1), nullptr);
-    EXPECT_EQ(list.getAt(3), nullptr);
+    EXPECT_EQ(list.getAt(4), nullptr);
     EXPECT_EQ(list.getAt(2), item(2));
-    EXPECT_EQ(list.indexOf(item(2)), 2);
+    EXPECT_EQ(list.indexOf(item(0)), 0) << "the first match";
     EXPECT_EQ(list.indexOf(item(5)), -1);
     EXPECT_EQ(list.first(), item(0));
     EXPECT_EQ(list.cursor(), list.head());
 }
 
-TEST(List, AddUniqueIgnoresAPointerAlreadyPresent) {
-    CList list;
-    fill(list, 2);
-    list.addUnique(item(1));
-    list.addUnique(item(2));
-    list.add(item(0));
-    EXPECT_EQ(cells(list), (std::vector<void*>{item(0), item(1), item(2), item(0)}));
-}
-
 TEST(List, InsertPlacesTheItemAtIndexOrAtTheEnd) {
-    struct Row {
-        int32_t index;
-        std::vector<void*> expected;
-    };
+    struct Row { int itemsBefore; int32_t index; std::vector<void*> expected; };
     const Row rows[] = {
-        {0, {item(7), item(0), item(1)}},
-        {1, {item(0), item(7), item(1)}},
-        {2, {item(0), item(1), item(7)}},
-        {5, {item(0), item(1), item(7)}},
+        {2, -1, {item(7), item(0), item(1)}}, {2, 0, {item(7), item(0), item(1)}},
+        {2, 1, {item(0), item(7), item(1)}},  {2, 2, {item(0), item(1), item(7)}},
+        {2, 5, {item(0), item(1), item(7)}},  {0, 3, {item(7)}},
     };
     for (const Row& row : rows) {
         CList list;
-        fill(list, 2);
+        fill(list, row.itemsBefore);
         list.insert(row.index, item(7));
         EXPECT_EQ(cells(list), row.expected) << "index " << row.index;
     }
-    CList empty;
-    empty.insert(3, item(7));
-    EXPECT_EQ(cells(empty), std::vector<void*>{item(7)});
 }
 
 TEST(List, RemoveUnlinksOnlyTheFirstMatchingCell) {
@@ -79,11 +73,12 @@ TEST(List, RemoveUnlinksOnlyTheFirstMatchingCell) {
     list.removeAt(-1);
     EXPECT_EQ(list.count(), 3);
     list.removeAt(2);
+    list.first();
     list.removeAt(0);
+    EXPECT_EQ(list.cursor(), nullptr) << "the cursor stood on the removed cell";
     EXPECT_EQ(cells(list), std::vector<void*>{item(2)});
     list.clear();
     EXPECT_EQ(cells(list), std::vector<void*>{});
-    EXPECT_EQ(list.head(), nullptr);
 }
 
 TEST(List, MoveItemRelinksTheCellBetweenLists) {
@@ -93,8 +88,7 @@ TEST(List, MoveItemRelinksTheCellBetweenLists) {
         void* moved;
         int32_t index;
         bool result;
-        std::vector<void*> destination;
-        std::vector<void*> source;
+        std::vector<void*> destination, source;
     };
     // Source holds item(4), item(5); destination holds item(0) .. item(destinationItems - 1).
     const Row rows[] = {
@@ -114,47 +108,36 @@ TEST(List, MoveItemRelinksTheCellBetweenLists) {
         EXPECT_EQ(cells(destination), row.destination) << row.what;
         EXPECT_EQ(cells(source), row.source) << row.what;
     }
-}
 
-TEST(List, MoveItemRefusesOneListOrTwoEmptyOnes) {
+    // One list, or two empty ones, share a head: nothing moves.
     CList a, b;
     EXPECT_FALSE(CList::moveItem(a, b, item(0), -1));
-    EXPECT_EQ(a.count() + b.count(), 0);
-
     fill(a, 3);
     EXPECT_FALSE(CList::moveItem(a, a, item(2), 0));
     EXPECT_EQ(cells(a), (std::vector<void*>{item(0), item(1), item(2)}));
-
-    // From a filled list into an empty one and back: the heads differ, so both moves go through.
+    // Into an empty list and back: the heads differ, so both moves go through.
+    a.first();
     EXPECT_TRUE(CList::moveItem(b, a, item(0), -1));
+    EXPECT_EQ(a.cursor(), nullptr) << "the cursor stood on the moved cell";
     EXPECT_TRUE(CList::moveItem(a, b, item(0), -1));
     EXPECT_EQ(cells(a), (std::vector<void*>{item(1), item(2), item(0)}));
     EXPECT_EQ(cells(b), std::vector<void*>{});
 }
 
-namespace {
-
-struct Counted {
-    explicit Counted(int& alive) : alive(alive) { ++alive; }
-    ~Counted() { --alive; }
-    int& alive;
-};
-
-}  // namespace
-
 TEST(TypedList, WalkEndsAtANullItemAndDeleteAllDestroysEachItem) {
     int alive = 0;
     TList<Counted> list;
     for (int i = 0; i < 3; ++i) list.add(new Counted(alive));
-    std::vector<Counted*> walked(list.begin(), list.end());
-    ASSERT_EQ(walked.size(), 3u);
-    EXPECT_EQ(walked[2], list.getAt(2));
+    EXPECT_EQ(std::vector<Counted*>(list.begin(), list.end()),
+              (std::vector<Counted*>{list.getAt(0), list.getAt(1), list.getAt(2)}));
 
     list.insert(1, nullptr);
     EXPECT_EQ(std::distance(list.begin(), list.end()), 1);
+    list.insert(0, nullptr);
+    EXPECT_EQ(list.begin(), list.end());
+    list.removeAt(0);
     list.removeAt(1);
 
     list.deleteAll();
     EXPECT_EQ(alive, 0);
-    EXPECT_EQ(list.count(), 0);
 }

@@ -64,93 +64,59 @@ TEST(String, CompareIsByteWiseOnUnsignedBytes) {
     EXPECT_EQ(CString("abc"), CString("abc"));
 }
 
-TEST(String, NumbersToText) {
+TEST(String, NumbersToTextIgnoreTheProcessLocale) {
+    // Under a locale with a decimal comma when one is installed.
+    const char* locale = "C";
+    for (const char* name : {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "fr_FR.utf8", "de_DE"}) {
+        if (std::setlocale(LC_NUMERIC, name)) {
+            locale = name;
+            break;
+        }
+    }
+    SCOPED_TRACE(locale);
     EXPECT_EQ(text(intToString(std::numeric_limits<int32_t>::min())), "-2147483648");
-    EXPECT_EQ(text(floatToString(120.0f)), "120.000000");
+    EXPECT_EQ(text(floatToString(2.5f)), "2.500000");
     EXPECT_EQ(text(floatToString(-0.5f)), "-0.500000");
     EXPECT_EQ(text(floatToString(0.1f)), "0.100000");
     EXPECT_EQ(text(floatToString(1e-7f)), "0.000000");
     EXPECT_EQ(text(floatToString(16777216.0f)), "16777216.000000");
-}
-
-TEST(String, FloatToStringIgnoresTheProcessLocale) {
-    const char* const commaLocales[] = {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "fr_FR.utf8", "de_DE"};
-    const char* found = nullptr;
-    for (const char* name : commaLocales) {
-        if (std::setlocale(LC_NUMERIC, name)) {
-            found = name;
-            break;
-        }
-    }
-    if (!found) GTEST_SKIP() << "no locale with a decimal comma installed";
-    const std::string result = text(floatToString(2.5f));
     std::setlocale(LC_NUMERIC, "C");
-    EXPECT_EQ(result, "2.500000") << "under " << found;
 }
 
 TEST(String, StringToInt) {
-    struct Row {
-        const char* input;
-        int32_t expected;
-    };
     constexpr int32_t fallback = -99;
+    constexpr int32_t min = std::numeric_limits<int32_t>::min();
+    constexpr int32_t max = std::numeric_limits<int32_t>::max();
+    struct Row { const char* input; int32_t expected; };
     const Row rows[] = {
-        {"", fallback},
-        {"0", 0},
-        {"42", 42},
-        {"-7", -7},
-        {"12.5", 12},
-        {"12,5", 12},
-        {".5", 0},
-        {"-", 0},
-        {"5-", 5},
-        {"1.2.3", fallback},
-        {"1,2.3", fallback},
-        {"--7", fallback},
-        {"-7-", fallback},
-        {"12a", fallback},
-        {" 12", fallback},
-        {"+3", fallback},
-        {"2147483647", 2147483647},
-        {"-2147483648", std::numeric_limits<int32_t>::min()},
-        {"99999999999", std::numeric_limits<int32_t>::max()},
-    };
-    for (const Row& row : rows) EXPECT_EQ(stringToInt(row.input, fallback), row.expected) << '"' << row.input << '"';
-}
-
-TEST(String, CaseAndTrim) {
-    EXPECT_EQ(text(upperCase("abz-AZ\xe9")), "ABZ-AZ\xe9");
-
-    struct Row {
-        const char* input;
-        const char* expected;
-    };
-    const Row rows[] = {
-        {"   ", ""},
-        {"", ""},
-        {" \r\n a b \r\n", "a b"},
-        {"\ta\t", "\ta\t"},
-        {"\r\n", ""},
-    };
-    for (const Row& row : rows) EXPECT_EQ(text(trim(row.input)), row.expected) << '"' << row.input << '"';
-}
-
-TEST(String, KeyAndValueSplitAtTheFirstEquals) {
-    struct Row {
-        const char* line;
-        const char* key;
-        const char* value;
-    };
-    const Row rows[] = {
-        {" track-noteh = 12 \r\n", "track-noteh", "12"},
-        {"a=b=c", "a", "b=c"},
-        {"=value", "", "value"},
-        {"key=", "key", ""},
-        {"no equals", "", ""},
+        {"", fallback},      {"0", 0},             {"42", 42},           {"-7", -7},
+        {"12.5", 12},        {"12,5", 12},         {".5", 0},            {"-", 0},
+        {"5-", 5},           {"1,2.3", fallback},  {"--7", fallback},    {"-7-", fallback},
+        {"12a", fallback},   {" 12", fallback},    {"+3", fallback},     {"2147483647", max},
+        {"-2147483648", min}, {"99999999999", max}, {"-99999999999", min},
     };
     for (const Row& row : rows) {
-        EXPECT_EQ(text(keyOf(row.line)), row.key) << row.line;
-        EXPECT_EQ(text(valueOf(row.line)), row.value) << row.line;
+        EXPECT_EQ(stringToInt(row.input, fallback), row.expected) << '"' << row.input << '"';
+    }
+}
+
+TEST(String, CaseTrimAndKeyValue) {
+    EXPECT_EQ(text(upperCase("abz-AZ\xe9")), "ABZ-AZ\xe9");
+
+    struct Row { const char* input; const char* trimmed; const char* key; const char* value; };
+    const Row rows[] = {
+        {"", "", "", ""},
+        {"   ", "", "", ""},
+        {"\ta\t", "\ta\t", "", ""},  // tabs stay
+        {" track-noteh = 12 \r\n", "track-noteh = 12", "track-noteh", "12"},
+        {"a=b=c", "a=b=c", "a", "b=c"},
+        {"\r\n=value", "=value", "", "value"},
+        {"key=", "key=", "key", ""},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(text(trim(row.input)), row.trimmed) << '"' << row.input << '"';
+        EXPECT_EQ(text(keyOf(row.input)), row.key) << '"' << row.input << '"';
+        EXPECT_EQ(text(valueOf(row.input)), row.value) << '"' << row.input << '"';
     }
 }
 
@@ -160,43 +126,26 @@ TEST(String, PathHelpers) {
         const char* extension;
         const char* name;
         const char* folder;
+        const char* wav;
     };
     const Row rows[] = {
-        {"/home/u/song.qv", ".qv", "song.qv", "/home/u/"},
-        {"C:\\Songs\\demo.mid", ".mid", "demo.mid", "C:\\Songs\\"},
-        {"/home/u/my.songs/demo", ".songs/demo", "demo", "/home/u/my.songs/"},
-        {"mixed\\folder/file.wav", ".wav", "file.wav", "mixed\\folder/"},
-        {"plain", "", "plain", ""},
-        // The first character is never taken for a separator.
-        {"/root.qv", ".qv", "/root.qv", ""},
-        {"", "", "", ""},
+        {"/home/u/song.qv", ".qv", "song.qv", "/home/u/", "/home/u/song.wav"},
+        {"C:\\Songs\\demo.mid", ".mid", "demo.mid", "C:\\Songs\\", "C:\\Songs\\demo.wav"},
+        {"/home/u/my.songs/demo", ".songs/demo", "demo", "/home/u/my.songs/", "/home/u/my.wav"},
+        {"mixed\\folder/a.b.c", ".c", "a.b.c", "mixed\\folder/", "mixed\\folder/a.b.wav"},
+        {"plain", "", "plain", "", "plain.wav"},
+        // The first character is never taken for a separator, nor for the dot of an extension.
+        {"/root.qv", ".qv", "/root.qv", "", "/root.wav"},
+        {".hidden", ".hidden", ".hidden", "", ".hidden.wav"},
+        {"", "", "", "", ".wav"},
     };
     for (const Row& row : rows) {
         EXPECT_EQ(text(fileExtension(row.path)), row.extension) << row.path;
         EXPECT_EQ(text(fileName(row.path)), row.name) << row.path;
         EXPECT_EQ(text(filePath(row.path)), row.folder) << row.path;
+        EXPECT_EQ(text(withExtension(row.path, ".wav")), row.wav) << row.path;
+        // A folder, empty or ending in either separator, is left as it is.
+        EXPECT_EQ(text(withTrailingSeparator(row.folder)), row.folder) << row.path;
     }
-}
-
-TEST(String, WithExtensionAndTrailingSeparator) {
-    struct Row {
-        const char* path;
-        const char* expected;
-    };
-    const Row extensionRows[] = {
-        {"song.qv", "song.wav"},
-        {"a.b.c", "a.b.wav"},
-        {"song", "song.wav"},
-        {".hidden", ".hidden.wav"},
-        {"", ".wav"},
-    };
-    for (const Row& row : extensionRows) EXPECT_EQ(text(withExtension(row.path, ".wav")), row.expected) << row.path;
-
-    const Row separatorRows[] = {
-        {"", ""},
-        {"/home/u", "/home/u/"},
-        {"/home/u/", "/home/u/"},
-        {"C:\\Songs\\", "C:\\Songs\\"},
-    };
-    for (const Row& row : separatorRows) EXPECT_EQ(text(withTrailingSeparator(row.path)), row.expected) << row.path;
+    EXPECT_EQ(text(withTrailingSeparator("/home/u")), "/home/u/");
 }

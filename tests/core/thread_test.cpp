@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <memory>
 #include <thread>
 
 namespace {
@@ -22,65 +21,65 @@ template <class Condition> bool eventually(Condition done) {
     return true;
 }
 
-// Sleeps on its event without a time limit, as the process workers do.
-class Sleeper : public CThread {
+// A worker as the process workers (no time limit) and the disk and peak workers (a timed loop) have it:
+// it serves one request per round and, with a time limit, also comes round on its own. rounds counts
+// the waits begun.
+class Worker : public CThread {
 public:
-    ~Sleeper() override { shutdown(); }
+    explicit Worker(int32_t timeoutMs) : timeoutMs(timeoutMs) {}
+    ~Worker() override { shutdown(); }
 
-    platform::Event entered;
-    std::atomic<bool> sawStop{false};
-    std::atomic<int> wakeUps{0};
+    const int32_t timeoutMs;
     std::atomic<uint32_t> idInside{0};
+    std::atomic<int> requested{0}, served{0}, rounds{0}, idleWakeUps{0};
+    std::atomic<bool> sawStop{false};
+    platform::Event answered;
 
 protected:
     void run() override {
         idInside = platform::currentThreadId();
-        entered.signal();
         while (!stop) {
-            event.wait(-1);
+            rounds.fetch_add(1);
+            const bool signalled = event.wait(timeoutMs);
             if (stop) break;
-            wakeUps.fetch_add(1);
+            if (served.load() < requested.load()) {
+                served.fetch_add(1);
+                answered.signal();
+            } else if (signalled) {
+                idleWakeUps.fetch_add(1);
+            }
         }
         sawStop = true;
     }
 };
 
-TEST(CThread, SignalWakesTheWorkerAndShutdownWaitsForIt) {
-    auto sleeper = std::make_unique<Sleeper>();
-    sleeper->start();
-    ASSERT_TRUE(sleeper->entered.wait(hangMs));
-    EXPECT_NE(sleeper->threadId(), 0u);
-    EXPECT_EQ(sleeper->idInside.load(), sleeper->threadId());
-    EXPECT_NE(sleeper->threadId(), platform::currentThreadId());
-    EXPECT_FALSE(sleeper->stop);
+TEST(CThread, WorkersServeSignalsAndShutdownWaitsForRunToEnd) {
+    constexpr int requests = 20;
+    for (const int32_t timeoutMs : {-1, 5}) {
+        Worker worker(timeoutMs);
+        using platform::ThreadPriority;
+        worker.start(timeoutMs < 0 ? ThreadPriority::belowNormal : ThreadPriority::aboveNormal);
+        EXPECT_FALSE(worker.stop);
+        for (int request = 1; request <= requests; ++request) {
+            worker.requested = request;
+            worker.signal();
+            ASSERT_TRUE(worker.answered.wait(hangMs)) << "request " << request;
+            EXPECT_EQ(worker.served.load(), request);
+        }
+        EXPECT_EQ(worker.idInside.load(), worker.threadId());
+        EXPECT_NE(worker.threadId(), platform::currentThreadId());
+        // Without any signal a timed loop still comes round at its time-out; one without a limit goes back
+        // to sleep, so that only shutdown's own wake-up can end it.
+        const int rounds = timeoutMs > 0 ? worker.rounds.load() + 3 : requests + 1;
+        EXPECT_TRUE(eventually([&] { return worker.rounds.load() >= rounds; }));
 
-    sleeper->signal();
-    EXPECT_TRUE(eventually([&] { return sleeper->wakeUps.load() == 1; }));
-
-    // Stop is set, the worker is woken and joined: by the time shutdown returns, run() is over.
-    sleeper->shutdown();
-    EXPECT_TRUE(sleeper->sawStop);
-    EXPECT_TRUE(sleeper->stop);
-    EXPECT_EQ(sleeper->wakeUps.load(), 1) << "the stop signal is no work";
-    sleeper->shutdown();  // again, as the destructor will
-    sleeper.reset();
-}
-
-TEST(CThread, DestroyingAWaitingWorkerReturnsOnceItSawStop) {
-    std::atomic<bool> returned{false};
-    {
-        struct Flagging : Sleeper {
-            explicit Flagging(std::atomic<bool>& flag) : flag(flag) {}
-            ~Flagging() override {
-                shutdown();
-                flag = sawStop.load();
-            }
-            std::atomic<bool>& flag;
-        } worker(returned);
-        worker.start(platform::ThreadPriority::belowNormal);
-        ASSERT_TRUE(worker.entered.wait(hangMs));
-    }
-    EXPECT_TRUE(returned) << "the destructor returned only after run() had seen stop";
+        // Stop is set before the worker is woken, and run() is over by the time shutdown returns.
+        worker.shutdown();
+        EXPECT_TRUE(worker.sawStop);
+        if (timeoutMs < 0) {
+            EXPECT_EQ(worker.idleWakeUps.load(), 0) << "one wake-up per signal, stop included";
+        }
+    }  // the destructor shuts down again
 }
 
 TEST(CThread, AThreadWhoseRunReturnedOrNeverStartedPassesStraightThrough) {
@@ -90,52 +89,9 @@ TEST(CThread, AThreadWhoseRunReturnedOrNeverStartedPassesStraightThrough) {
         EXPECT_TRUE(eventually([&] { return idle.stop.load(); })) << "the entry sets stop when run() returns";
         idle.signal();  // nobody waits; the signal is simply left in the event
     }
-    {
-        CThread neverStarted;
-        EXPECT_EQ(neverStarted.threadId(), 0u);
-        neverStarted.shutdown();
-        EXPECT_TRUE(neverStarted.stop);
-    }
-}
-
-// A worker with a timed loop, as the disk and peak workers have: it works when signalled and also
-// comes round on its own when the time-out passes.
-class Ticker : public CThread {
-public:
-    ~Ticker() override { shutdown(); }
-
-    std::atomic<int> requested{0};
-    std::atomic<int> served{0};
-    std::atomic<int> rounds{0};
-    platform::Event answered;
-
-protected:
-    void run() override {
-        while (!stop) {
-            event.wait(5);
-            rounds.fetch_add(1);
-            while (served.load() < requested.load()) {
-                served.fetch_add(1);
-                answered.signal();
-            }
-        }
-    }
-};
-
-TEST(CThread, TimedLoopWorksOnSignalAndOnTimeOut) {
-    Ticker ticker;
-    ticker.start(platform::ThreadPriority::aboveNormal);
-
-    for (int request = 1; request <= 20; ++request) {
-        ticker.requested = request;
-        ticker.signal();
-        ASSERT_TRUE(ticker.answered.wait(hangMs)) << "request " << request;
-        EXPECT_EQ(ticker.served.load(), request);
-    }
-
-    // Without any signal the loop still comes round at its time-out.
-    const int before = ticker.rounds.load();
-    EXPECT_TRUE(eventually([&] { return ticker.rounds.load() >= before + 3; }));
+    CThread neverStarted;
+    neverStarted.shutdown();
+    EXPECT_TRUE(neverStarted.stop);
 }
 
 }  // namespace

@@ -50,7 +50,8 @@ inline void flushDenormal(float& state) {
 
 class CFX : public CObject {
 public:
-    explicit CFX(int32_t kind = fxUnknown) : CObject(0, kind) {}
+    // The first effect made builds the shared LFO tables, so no process call ever has to.
+    explicit CFX(int32_t kind = fxUnknown);
 
     virtual void setSampleRate(float rate) { sampleRate = rate; }
     // Reallocates the two send input buffers; a size below 1 leaves them empty.

@@ -1,0 +1,495 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <complex>
+#include <functional>
+#include <memory>
+#include <numbers>
+#include <random>
+#include <vector>
+
+#include "engine/fx.h"
+#include "fx/bitcrusher.h"
+#include "fx/compressor.h"
+#include "fx/dynamics.h"
+#include "fx/filter.h"
+#include "support/rt_probe.h"
+
+namespace {
+
+constexpr double rate = 48000.0;
+constexpr size_t tenSeconds = 480000;
+
+struct Stereo {
+    std::vector<float> left, right;
+    explicit Stereo(size_t frames) : left(frames), right(frames) {}
+    size_t size() const { return left.size(); }
+};
+
+Stereo noise(size_t frames, uint32_t seed, float amplitude) {
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<float> sample(-amplitude, amplitude);
+    Stereo out(frames);
+    for (size_t i = 0; i < frames; ++i) {
+        out.left[i] = sample(random);
+        out.right[i] = sample(random);
+    }
+    return out;
+}
+
+// Left a sine, right a cosine: the sum of the squares, which the compressor's detector reads, is the
+// amplitude squared in every frame, so the level is steady without a ripple to average out.
+void addRotating(Stereo& out, size_t from, size_t to, double levelDb) {
+    const double amplitude = std::pow(10.0, levelDb / 20.0), w = 2.0 * std::numbers::pi * 997.0 / rate;
+    for (size_t i = from; i < to; ++i) {
+        out.left[i] = static_cast<float>(amplitude * std::sin(w * static_cast<double>(i)));
+        out.right[i] = static_cast<float>(amplitude * std::cos(w * static_cast<double>(i)));
+    }
+}
+
+// Runs the input through the effect in blocks of `block` frames. Blocks are also cut at each frame of
+// `cuts`, where `atCut` runs first, so that a setting changes at the same frame whatever the block size.
+Stereo processInBlocks(CFX& fx, const Stereo& in, size_t block, const std::vector<size_t>& cuts = {},
+                       const std::function<void()>& atCut = {}) {
+    Stereo out(in.size());
+    size_t next = 0;
+    for (size_t at = 0; at < in.size();) {
+        if (next < cuts.size() && cuts[next] == at) {
+            ++next;
+            atCut();
+        }
+        size_t end = std::min(in.size(), at + block);
+        if (next < cuts.size()) end = std::min(end, cuts[next]);
+        fx.process(in.left.data() + at, in.right.data() + at, out.left.data() + at, out.right.data() + at,
+                   static_cast<int32_t>(end - at));
+        at = end;
+    }
+    return out;
+}
+
+// Power gain of one frame in dB, both channels together as the detector sees them.
+double frameGainDb(const Stereo& in, const Stereo& out, size_t i) {
+    const auto power = [i](const Stereo& s) {
+        return double(s.left[i]) * s.left[i] + double(s.right[i]) * s.right[i];
+    };
+    return 10.0 * std::log10(power(out) / power(in));
+}
+
+uint32_t f32(float value) {
+    return std::bit_cast<uint32_t>(value);
+}
+uint32_t i32(int32_t value) {
+    return static_cast<uint32_t>(value);
+}
+
+} // namespace
+
+TEST(CompressorCurve, SettledGainFollowsThresholdRatioAndMakeUpWithinATenthOfADecibel) {
+    struct Row {
+        double thresholdDb, ratio, gainDb, levelDb;
+    };
+    const Row rows[] = {
+        {-20, 4, 6, -40}, {-20, 4, 6, -20},  {-20, 4, 6, -10},  {-20, 4, 6, 0},
+        {-40, 2, 0, -10}, {-40, 20, 0, 0},   {-60, 20, 24, -6}, {0, 8, -6, -3},
+        {0, 8, -6, 6},    {-100, 3, 0, -50}, {-30, 1, 12, 0},   {-100, 1, -24, -80},
+    };
+    constexpr size_t settle = 24000, measure = 4800; // settle: 50 attack times
+    for (const Row& row : rows) {
+        CCompressor compressor;
+        compressor.setSampleRate(static_cast<float>(rate));
+        compressor.rmsComp.setThresh(row.thresholdDb);
+        compressor.rmsComp.setRatio(1.0 / row.ratio);
+        compressor.rmsComp.setGain(row.gainDb);
+        Stereo in(settle + measure);
+        addRotating(in, 0, in.size(), row.levelDb);
+        const Stereo out = processInBlocks(compressor, in, 1024);
+        const double expected =
+            row.gainDb + (1.0 / row.ratio - 1.0) * std::max(0.0, row.levelDb - row.thresholdDb);
+        for (size_t i = settle; i < in.size(); i += 97)
+            ASSERT_NEAR(frameGainDb(in, out, i), expected, 0.1)
+                << "threshold " << row.thresholdDb << " ratio " << row.ratio << " level " << row.levelDb;
+    }
+}
+
+namespace {
+
+// Frames after a step until the gain has gone 1 - 1/e of its way from `from` to `to` dB, interpolated.
+double framesToTimeConstant(const Stereo& in, const Stereo& out, size_t step, double from, double to) {
+    const double mark = from + (to - from) * (1.0 - std::exp(-1.0));
+    double before = from;
+    for (size_t i = step; i < in.size(); ++i) {
+        const double now = frameGainDb(in, out, i);
+        if ((to < from) == (now <= mark))
+            return static_cast<double>(i - step) + (mark - before) / (now - before);
+        before = now;
+    }
+    return -1.0;
+}
+
+} // namespace
+
+TEST(CompressorTiming, AttackAndReleaseTimeConstantsWithinFivePercent) {
+    struct Row {
+        double attackMs, releaseMs, sampleRate;
+    };
+    const Row rows[] = {{1, 10, 48000},     {10, 100, 48000}, {50, 500, 48000},
+                        {200, 5000, 48000}, {10, 100, 44100}, {5, 1000, 96000}};
+    // -40 dB to 0 dB and back, over a -20 dB threshold at 4:1: the gain moves between 0 and -15 dB.
+    for (const Row& row : rows) {
+        CCompressor compressor;
+        compressor.setSampleRate(static_cast<float>(row.sampleRate));
+        compressor.rmsComp.setAttack(row.attackMs);
+        compressor.rmsComp.setRelease(row.releaseMs);
+        compressor.rmsComp.setRatio(0.25);
+        compressor.rmsComp.setGain(0.0);
+        compressor.rmsComp.setWindow(0.001); // the level follows at once, so only the envelope is timed
+        const double attack = row.attackMs * row.sampleRate / 1000.0,
+                     release = row.releaseMs * row.sampleRate / 1000.0;
+        const auto loudAt = static_cast<size_t>(10 * attack),
+                   quietAt = loudAt + static_cast<size_t>(10 * attack);
+        Stereo in(quietAt + static_cast<size_t>(3 * release));
+        addRotating(in, 0, loudAt, -40.0);
+        addRotating(in, loudAt, quietAt, 0.0);
+        addRotating(in, quietAt, in.size(), -40.0);
+        const Stereo out = processInBlocks(compressor, in, 1024);
+        EXPECT_NEAR(framesToTimeConstant(in, out, loudAt, 0.0, -15.0), attack, 0.05 * attack)
+            << row.attackMs << " ms";
+        EXPECT_NEAR(frameGainDb(in, out, quietAt - 1), -15.0, 0.01);
+        EXPECT_NEAR(framesToTimeConstant(in, out, quietAt, -15.0, 0.0), release, 0.05 * release)
+            << row.releaseMs << " ms";
+    }
+}
+
+TEST(CompressorDetector, CoefficientFollowsTimeConstantAndRateAndNeverDividesByZero) {
+    struct Row {
+        double ms, sampleRate, expected;
+    };
+    // Coefficient 0, a detector that follows at once, stands for any product of time and rate that is not
+    // above 0, instead of a division by zero.
+    const Row rows[] = {
+        {10, 48000, std::exp(-1000.0 / 480000.0)},
+        {5000, 96000, std::exp(-1000.0 / 480000000.0)},
+        {0, 48000, 0.0},
+        {10, 0, 0.0},
+        {-3, 48000, 0.0},
+        {std::nan(""), 48000, 0.0},
+    };
+    for (const Row& row : rows) {
+        comp::EnvelopeDetector detector(1.0);
+        detector.setSampleRate(row.sampleRate);
+        detector.setTc(row.ms);
+        EXPECT_DOUBLE_EQ(detector.coef, row.expected) << row.ms << " ms at " << row.sampleRate;
+    }
+    CCompressor compressor;
+    compressor.setSampleRate(96000.0f);
+    EXPECT_DOUBLE_EQ(compressor.rmsComp.attack.coef, std::exp(-1000.0 / (10.0 * 96000.0)));
+    EXPECT_DOUBLE_EQ(compressor.rmsComp.release.coef, std::exp(-1000.0 / (100.0 * 96000.0)));
+    EXPECT_DOUBLE_EQ(compressor.rmsComp.rms.coef, std::exp(-1000.0 / (5.0 * 96000.0)));
+}
+
+TEST(BitcrusherQuantise, HandWorkedFrames) {
+    struct Row {
+        int32_t bits, degrade;
+        std::vector<float> in, expected;
+    };
+    const Row rows[] = {
+        // Grid 1/4, half up: -1.5 steps go to -1, 1.2 to 1, 3.496 to 3, -4.8 to -5.
+        {2, 1, {0.3f, -0.375f, 0.125f, 0.874f, -1.2f, 1e-6f}, {0.25f, -0.25f, 0.25f, 0.75f, -1.25f, 0.0f}},
+        {1, 1, {0.74f, 0.76f, -0.26f, 3.1f}, {0.5f, 1.0f, -0.5f, 3.0f}}, // not limited to -1..1
+        // A fresh crusher holds its zeros for three frames, then takes every fourth frame.
+        {4,
+         4,
+         {0.9f, 0.8f, 0.7f, 0.51f, 0.4f, 0.3f, 0.2f, -0.33f, 0.9f},
+         {0, 0, 0, 0.5f, 0.5f, 0.5f, 0.5f, -0.3125f, -0.3125f}},
+        {3, 2, {0.9f, 0.1f, 0.2f, 0.3f, 0.4f}, {0.0f, 0.125f, 0.125f, 0.25f, 0.25f}},
+        // 32 bits: a sample of normal size already lies on the grid of 2^-32; a tiny one is rounded to it.
+        {32, 1, {0.1f, -0.7f, 1e-12f, 3e-10f}, {0.1f, -0.7f, 0.0f, 0x1p-32f}},
+    };
+    for (const Row& row : rows) {
+        for (const bool right : {false, true}) { // each channel alone, so that a mix-up shows
+            CBitcrusher crusher;
+            crusher.bits = row.bits;
+            crusher.degrade = row.degrade;
+            Stereo in(row.in.size());
+            (right ? in.right : in.left) = row.in;
+            const Stereo out = processInBlocks(crusher, in, 3);
+            EXPECT_EQ(right ? out.right : out.left, row.expected)
+                << "bits " << row.bits << " degrade " << row.degrade;
+            EXPECT_EQ(right ? out.left : out.right, std::vector<float>(row.in.size()));
+        }
+    }
+}
+
+TEST(BitcrusherQuantise, NoiseMatchesTheHoldAndGridAtAnyBlockSize) {
+    struct Row {
+        int32_t bits, degrade;
+        size_t block;
+    };
+    const Row rows[] = {{1, 1, 64}, {4, 4, 1}, {8, 3, 7}, {16, 64, 1024}, {12, 17, 5}, {24, 63, 100}};
+    const Stereo in = noise(20000, 17, 1.5f);
+    for (const Row& row : rows) {
+        CBitcrusher crusher;
+        crusher.bits = row.bits;
+        crusher.degrade = row.degrade;
+        const Stereo out = processInBlocks(crusher, in, row.block);
+        const double step = std::pow(0.5, row.bits);
+        for (size_t i = 0; i < in.size(); ++i) {
+            const size_t held = (i + 1) / row.degrade * row.degrade; // frames degrade-1, 2 degrade-1, ...
+            const float holdL = held ? in.left[held - 1] : 0.0f, holdR = held ? in.right[held - 1] : 0.0f;
+            ASSERT_EQ(out.left[i], static_cast<float>(std::floor(holdL / step + 0.5) * step))
+                << "bits " << row.bits << " frame " << i;
+            ASSERT_EQ(out.right[i], static_cast<float>(std::floor(holdR / step + 0.5) * step))
+                << "bits " << row.bits << " frame " << i;
+        }
+    }
+}
+
+namespace {
+
+// A filter that has stood at this cutoff for a while: no ramp to come.
+void setSteady(CFilterFX& filter, int32_t type, float cutoff, float q) {
+    filter.type = type;
+    filter.q = q;
+    filter.target = filter.lastTarget = filter.cutoff = cutoff;
+}
+
+// The transfer function of low[n] = low[n-1] + f band[n-1], high[n] = x[n] - low[n] - d band[n-1],
+// band[n] = band[n-1] + f high[n]: with D = (1 - z^-1)^2 + f^2 z^-1 + d f z^-1 (1 - z^-1), the low
+// output is f^2 z^-1 / D, the band f (1 - z^-1) / D, the high (1 - z^-1)^2 / D.
+std::complex<double> response(int32_t type, double f, double d, double w) {
+    const std::complex<double> z1 = std::polar(1.0, -w), diff = 1.0 - z1;
+    const std::complex<double> denominator = diff * diff + f * f * z1 + d * f * z1 * diff;
+    if (type == filterBandPass) return f * diff / denominator;
+    if (type == filterHighPass) return diff * diff / denominator;
+    return f * f * z1 / denominator;
+}
+
+} // namespace
+
+TEST(FilterResponse, EachOutputFollowsItsTransferFunction) {
+    struct Row {
+        int32_t type;
+        float cutoff, q;
+        int32_t cycles; // in the window of 4800 frames
+    };
+    const Row rows[] = {
+        {filterLowPass, 1.0f, 0.0f, 100},  {filterLowPass, 0.5f, 0.5f, 200},
+        {filterLowPass, 0.3f, 0.9f, 69},   {filterLowPass, 0.2f, 1.0f, 30},
+        {filterLowPass, 0.4f, 0.3f, 1500}, {filterBandPass, 0.3f, 0.9f, 69},
+        {filterBandPass, 0.6f, 0.2f, 500}, {filterBandPass, 0.5f, 0.0f, 10},
+        {filterHighPass, 0.4f, 0.5f, 50},  {filterHighPass, 0.8f, 0.0f, 1000},
+        {filterHighPass, 0.3f, 0.95f, 66},
+    };
+    constexpr size_t settle = 96000, window = 4800;
+    for (const Row& row : rows) {
+        CFilterFX filter;
+        setSteady(filter, row.type, row.cutoff, row.q);
+        const double w = 2.0 * std::numbers::pi * row.cycles / static_cast<double>(window);
+        Stereo in(settle + window);
+        for (size_t i = 0; i < in.size(); ++i)
+            in.left[i] = in.right[i] = static_cast<float>(std::cos(w * double(i)));
+        const Stereo out = processInBlocks(filter, in, 1024);
+        std::complex<double> measured;
+        for (size_t i = settle; i < in.size(); ++i)
+            measured += double(out.left[i]) * std::polar(2.0 / window, -w * double(i));
+        const std::complex<double> expected =
+            response(row.type, row.cutoff * row.cutoff, 1.0f - row.q * 0.99f, w);
+        EXPECT_LT(std::abs(measured - expected), 1e-3 * std::max(1.0, std::abs(expected)))
+            << "type " << row.type << " cutoff " << row.cutoff << " q " << row.q << ": " << measured
+            << " against " << expected;
+        EXPECT_EQ(out.left, out.right);
+    }
+}
+
+TEST(FilterRamp, EveryBlockSizeGivesTheSameSamples) {
+    const std::vector<size_t> cuts = {0, 150, 1200, 2000}; // 150: during the first glide; 1200: unchanged
+    const float targets[] = {0.2f, 0.7f, 0.7f, 0.4f};
+    const Stereo in = noise(3000, 29, 0.8f);
+    std::vector<Stereo> outs;
+    for (const size_t block : {1, 7, 64, 1024}) {
+        CFilterFX filter;
+        setSteady(filter, filterBandPass, 1.0f, 0.6f);
+        size_t next = 0;
+        outs.push_back(processInBlocks(filter, in, block, cuts, [&] { filter.setCutoff(targets[next++]); }));
+        EXPECT_EQ(filter.cutoff, 0.4f);
+        EXPECT_EQ(filter.rampStep, 0.0f);
+        for (size_t i = 0; i < in.size(); ++i) {
+            ASSERT_EQ(outs.back().left[i], outs.front().left[i]) << "block " << block << " frame " << i;
+            ASSERT_EQ(outs.back().right[i], outs.front().right[i]) << "block " << block << " frame " << i;
+        }
+    }
+}
+
+TEST(FilterRamp, ALoadedCutoffGlidesForExactly300SamplesAndAChangeOnTheWayStartsAfresh) {
+    CFilterFX filter;
+    const Stereo silence(1);
+    Stereo out(1);
+    const auto frame = [&] {
+        filter.process(silence.left.data(), silence.right.data(), out.left.data(), out.right.data(), 1);
+    };
+    const uint32_t loaded[FXWords::count] = {i32(filterLowPass), f32(0.25f)};
+    FXWords words;
+    std::copy(std::begin(loaded), std::end(loaded), words.word);
+    filter.loadWords(words);
+    float expected = 1.0f, step = (0.25f - 1.0f) / 300.0f;
+    for (int32_t i = 1; i <= 450; ++i) {
+        if (i == 101) { // a new cutoff after 100 frames glides from where the first glide stands
+            filter.setCutoff(0.5f);
+            step = (0.5f - expected) / 300.0f;
+        }
+        frame();
+        expected = i >= 400 ? 0.5f : expected + step; // the second glide lands on frame 400 exactly
+        ASSERT_EQ(filter.cutoff, expected) << "frame " << i;
+    }
+    filter.loadWords(words); // 0.25 again: a change
+    frame();
+    EXPECT_EQ(filter.rampLeft, 299);
+    filter.loadWords(words); // unchanged: no glide
+    frame();
+    EXPECT_EQ(filter.rampLeft, 298);
+}
+
+TEST(FilterState, TenSecondsOfSilenceAfterAnImpulseLeaveEveryStateZero) {
+    struct Row {
+        int32_t type;
+        float cutoff, q;
+    };
+    const Row rows[] = {{filterLowPass, 1.0f, 0.0f},  {filterLowPass, 0.5f, 0.5f},
+                        {filterBandPass, 0.3f, 0.9f}, {filterHighPass, 0.2f, 0.95f},
+                        {filterBandPass, 0.6f, 1.0f}, {filterLowPass, 0.2f, 1.0f}};
+    for (const Row& row : rows) {
+        CFilterFX filter;
+        setSteady(filter, row.type, row.cutoff, row.q);
+        Stereo in(tenSeconds);
+        in.left[0] = 1.0f;
+        in.right[0] = -1.0f;
+        const Stereo out = processInBlocks(filter, in, 1024);
+        for (const float state :
+             {filter.low[0], filter.low[1], filter.band[0], filter.band[1], filter.high[0], filter.high[1]})
+            EXPECT_EQ(state, 0.0f) << "type " << row.type << " cutoff " << row.cutoff << " q " << row.q;
+        EXPECT_EQ(out.left.back(), 0.0f);
+    }
+}
+
+TEST(FilterState, TurningOnAgainSilencesTheOldResonance) {
+    CFilterFX filter;
+    setSteady(filter, filterBandPass, 0.3f, 0.95f);
+    Stereo impulse(64);
+    impulse.left[0] = impulse.right[0] = 1.0f;
+    processInBlocks(filter, impulse, 64);
+    const Stereo silence(256);
+    EXPECT_NE(processInBlocks(filter, silence, 256).left.back(), 0.0f) << "left alone, it rings on";
+    filter.setEnabled(false);
+    filter.setEnabled(true);
+    EXPECT_EQ(processInBlocks(filter, silence, 256).left, silence.left);
+}
+
+TEST(DynamicsSilence, CompressorAndCrusherGiveZerosAndKeepNoDenormalState) {
+    CCompressor compressor;
+    CBitcrusher crusher;
+    crusher.degrade = 5; // takes frames 4, 9, 14, ...
+    Stereo in(tenSeconds);
+    addRotating(in, 0, 14, 6.0);
+    for (CFX* fx : {static_cast<CFX*>(&compressor), static_cast<CFX*>(&crusher)}) {
+        const Stereo out = processInBlocks(*fx, in, 1024);
+        const auto zero = [](float v) { return v == 0.0f; };
+        EXPECT_NE(out.left[9], 0.0f);
+        EXPECT_TRUE(std::all_of(out.left.begin() + 14, out.left.end(), zero)) << "kind " << fx->subKind;
+        EXPECT_TRUE(std::all_of(out.right.begin() + 14, out.right.end(), zero)) << "kind " << fx->subKind;
+    }
+    EXPECT_EQ(crusher.holdL, 0.0f);
+    EXPECT_EQ(crusher.holdR, 0.0f);
+    // The compressor's states rest at their floor of 1e-25: never denormal, and the gain back at 1.
+    for (const double state : {compressor.rmsComp.meanSquare, compressor.rmsComp.env}) {
+        EXPECT_GE(state, 1e-25);
+        EXPECT_LT(state, 1.000001e-25);
+    }
+}
+
+TEST(DynamicsWords, LoadThenSaveKeepsSettingsAndBringsOthersIntoTheEditorRanges) {
+    const float nan = std::nanf(""), twentieth = 1.0f / 20.0f;
+    struct Row {
+        int32_t kind;
+        std::vector<uint32_t> loaded, saved;
+    };
+    const Row rows[] = {
+        {fxCompressor,
+         {f32(-37), f32(1 / 6.0f), f32(33), f32(870), f32(-4.5f)},
+         {f32(-37), f32(1 / 6.0f), f32(33), f32(870), f32(-4.5f)}},
+        {fxCompressor,
+         {f32(-150), f32(0), f32(0), f32(0), f32(40)},
+         {f32(-100), f32(twentieth), f32(1), f32(1), f32(24)}},
+        {fxCompressor,
+         {f32(10), f32(3), f32(900), f32(9000), f32(-30)},
+         {f32(0), f32(1), f32(500), f32(5000), f32(-24)}},
+        {fxCompressor,
+         {f32(nan), f32(nan), f32(nan), f32(nan), f32(nan)},
+         {f32(-20), f32(0.3f), f32(10), f32(100), f32(6)}},
+        {fxBitcrusher, {i32(11), i32(23)}, {i32(11), i32(23)}},
+        {fxBitcrusher, {i32(0), i32(0)}, {i32(1), i32(1)}},
+        {fxBitcrusher, {i32(5000), i32(-3)}, {i32(32), i32(1)}},
+        {fxFilter,
+         {i32(filterHighPass), f32(0.35f), f32(0.6f)},
+         {i32(filterHighPass), f32(0.35f), f32(0.6f)}},
+        {fxFilter, {i32(7), f32(4), f32(2)}, {i32(filterHighPass), f32(1), f32(1)}},
+        {fxFilter, {i32(-1), f32(-0.5f), f32(-3)}, {i32(filterLowPass), f32(0), f32(0)}},
+        {fxFilter,
+         {i32(filterBandPass), f32(nan), f32(nan)},
+         {i32(filterBandPass), f32(1), f32(0)}}, // the cutoff stays
+    };
+    registerDynamicsEffects();
+    for (const Row& row : rows) {
+        const std::unique_ptr<CFX> fx(createFX(row.kind));
+        FXWords words, saved;
+        std::copy(row.loaded.begin(), row.loaded.end(), words.word);
+        fx->loadWords(words);
+        fx->saveWords(saved);
+        std::vector<uint32_t> expected = row.saved;
+        expected.resize(FXWords::count);
+        EXPECT_EQ(std::vector<uint32_t>(saved.word, saved.word + FXWords::count), expected)
+            << "kind " << row.kind;
+        fx->setSampleRate(static_cast<float>(rate));
+        const Stereo out = processInBlocks(*fx, noise(4096, 8, 2.0f), 512);
+        EXPECT_TRUE(std::all_of(out.left.begin(), out.left.end(), [](float v) { return std::isfinite(v); }));
+    }
+}
+
+TEST(DynamicsKinds, MadeByNumberWithTheirNames) {
+    registerDynamicsEffects();
+    const std::unique_ptr<CFX> crusher(createFX(fxBitcrusher)), filter(createFX(fxFilter)),
+        compressor(createFX(fxCompressor));
+    EXPECT_NE(dynamic_cast<CBitcrusher*>(crusher.get()), nullptr);
+    EXPECT_NE(dynamic_cast<CFilterFX*>(filter.get()), nullptr);
+    EXPECT_NE(dynamic_cast<CCompressor*>(compressor.get()), nullptr);
+    EXPECT_STREQ(crusher->getName().c_str(), "Bit Crusher");
+    EXPECT_STREQ(filter->getName().c_str(), "Filter");
+    EXPECT_STREQ(compressor->getName().c_str(), "Compressor");
+    EXPECT_EQ(crusher->subKind, fxBitcrusher);
+    EXPECT_EQ(filter->subKind, fxFilter);
+    EXPECT_EQ(compressor->subKind, fxCompressor);
+}
+
+TEST(DynamicsKinds, ProcessAllocatesAndLocksNothing) {
+    if (!rtprobe::available()) GTEST_SKIP() << "the probe is replaced by the sanitizer's allocator";
+    CCompressor compressor;
+    CBitcrusher crusher;
+    CFilterFX filter;
+    const Stereo in = noise(1024, 41, 1.0f);
+    Stereo out(1024);
+    int64_t allocations = 0, locks = 0;
+    {
+        rtprobe::Scope probe;
+        for (int32_t block = 0; block < 200; ++block) {
+            if (block % 50 == 0) filter.setCutoff(0.2f + 0.003f * static_cast<float>(block));
+            for (CFX* fx :
+                 {static_cast<CFX*>(&compressor), static_cast<CFX*>(&crusher), static_cast<CFX*>(&filter)})
+                fx->process(in.left.data(), in.right.data(), out.left.data(), out.right.data(), 1024);
+        }
+        allocations = probe.allocations();
+        locks = probe.locks();
+    }
+    EXPECT_EQ(allocations, 0);
+    EXPECT_EQ(locks, 0);
+}

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <numbers>
 
+#include "core/stream.h"
+#include "sound/block_in.h"
 #include "sound/tables.h"
 
 namespace {
@@ -211,4 +213,21 @@ void COSCSound::renderChunk(float* outL, float* outR, SamplerVoice& voice, int32
     voice.modFB2 += n * dModFB;
     voice.pm2 += n * dPM;
     voice.firstChunk = 0;
+}
+
+void COSCSound::saveKind(CStream& stream) const {
+    for (float value : {feed1, detune, phase, width, feed2, phaseMod, coarse2, phase2}) stream.writeF32(value);
+    stream.writeI32(pmMul);
+    stream.writeI32(oscInv < 0.0f ? -1 : 1);
+    stream.writeF32(oscRing);
+    stream.writeF32(modRing);
+}
+
+void COSCSound::loadKind(BlockIn& in) {
+    for (float* value : {&feed1, &detune, &phase, &width, &feed2, &phaseMod, &coarse2, &phase2}) in.f32(*value);
+    in.i32(pmMul);
+    int32_t invert = 1;
+    if (in.i32(invert)) oscInv = invert == -1 ? -1.0f : 1.0f;
+    in.f32(oscRing);
+    in.f32(modRing);
 }

@@ -35,6 +35,10 @@ public:
     int32_t pmMul = 1;
     float oscInv = 1.0f;  // 1 or -1: sign of the second carrier, "Invert"
 
+protected:
+    void saveKind(CStream& stream) const override;
+    void loadKind(BlockIn& in) override;
+
 private:
     // Renders one chunk whose targets are worked out; moves the ramps and peaks on.
     void renderChunk(float* outL, float* outR, SamplerVoice& voice, int32_t chunk, float slew, float& peakLeft,

@@ -25,9 +25,17 @@
 
 class CUndo;
 
+// GUI bit of changeFlags: the sampler's editor redraws everything (after a load).
+constexpr uint64_t samplerRedraw = 0x1;
+
 // The undo item kinds the sampler's own steps carry (in kindFlags), as its undoApplied reads them.
 constexpr uint32_t undoItemDelete = 6;
 constexpr uint32_t undoItemAddProgram = 19;
+
+// Shows the message of a damaged block to the user; the main window installs it once it exists. Without
+// one, the message goes to the debug output.
+using LoadErrorPrompt = void (*)(const CString& caption, const CString& text);
+void setLoadErrorPrompt(LoadErrorPrompt prompt);
 
 class CSampler : public CComp {
 public:
@@ -66,6 +74,10 @@ public:
     CString getProgramName(int32_t index) const override;
     void setProgramName(int32_t index, CString name) override;
     void undoApplied(CUndoItem* item, int32_t direction) override;
+    void save(CStream& stream) override;
+    void load(CStream& stream, int32_t end) override;
+    // A new sampler with this one's state, carried through save and load in memory.
+    CComp* copy() const override;
 
     // GUI thread: a note or controller from the editor's keyboard or a preview. False when the queue is
     // full and the event was lost.
@@ -114,6 +126,8 @@ private:
     void stopLostVoices();
     void repairSelections();
     void prepareSound(CSound& sound) const;
+    void saveState(CStream& stream) const;
+    void reportDamage(const CString& tag, uint32_t size) const;
 };
 
 // Makes the sampler known to createComp (type 3) and the effects it uses known to createFX.

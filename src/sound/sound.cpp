@@ -4,7 +4,10 @@
 #include <cmath>
 #include <limits>
 
+#include "core/stream.h"
 #include "engine/engine.h"
+#include "sound/block_in.h"
+#include "sound/fx_state.h"
 #include "sound/osc_sound.h"
 #include "sound/program.h"
 #include "sound/sound_random.h"
@@ -33,6 +36,72 @@ double lfoIncrement(const SamplerVoice& voice, const CLFO& lfo) {
     if (!(inc > 0.0)) return 0.0;
     return std::min(inc, maxLFOIncrement);
 }
+
+void writeRouting(CStream& stream, const CMod& mod) {
+    for (const RoutingEntry& entry : mod.params) {
+        stream.writeU8(entry.flag);
+        stream.writeF32(entry.amount);
+        stream.writeI32(entry.index);
+    }
+}
+
+void readRouting(BlockIn& in, CMod& mod) {
+    for (RoutingEntry& entry : mod.params) {
+        in.u8(entry.flag);
+        in.f32(entry.amount);
+        in.i32(entry.index);
+    }
+}
+
+void writeEnvelope(CStream& stream, const CEnv& env) {
+    stream.writeU8(env.enabled);
+    for (int32_t k = 0; k < 3; ++k) stream.writeU8(0);
+    for (float value : {env.initial, env.attack, env.ac, env.decay, env.dc, env.sustain, env.releaseTime, env.rc})
+        stream.writeF32(value);
+    stream.writeI32(0);
+    stream.writeI32(0);
+    stream.writeI32(env.timeScale);
+}
+
+void readEnvelope(BlockIn& in, CEnv& env) {
+    in.u8(env.enabled);
+    in.skip(3);
+    for (float* value : {&env.initial, &env.attack, &env.ac, &env.decay, &env.dc, &env.sustain, &env.releaseTime, &env.rc})
+        in.f32(*value);
+    in.skip(8);
+    in.i32(env.timeScale);
+}
+
+void writeLFO(CStream& stream, const CLFO& lfo) {
+    stream.writeU8(static_cast<uint8_t>(lfo.wave));
+    stream.writeF32(lfo.rate);
+    stream.writeU8(static_cast<uint8_t>(lfo.sync));
+    stream.writeU8(static_cast<uint8_t>(lfo.mul));
+    stream.writeU8(static_cast<uint8_t>(lfo.div));
+    stream.writeI32(lfo.delay);
+    stream.writeU8(static_cast<uint8_t>(lfo.inv));
+    stream.writeU8(static_cast<uint8_t>(lfo.restart));
+    stream.writeU8(0);
+    stream.writeU8(0);
+    writeRouting(stream, lfo);
+}
+
+void readLFO(BlockIn& in, CLFO& lfo) {
+    in.u8To(lfo.wave);
+    in.f32(lfo.rate);
+    in.u8To(lfo.sync);
+    in.u8To(lfo.mul);
+    in.u8To(lfo.div);
+    in.i32(lfo.delay);
+    in.u8To(lfo.inv);
+    in.u8To(lfo.restart);
+    in.skip(2);
+    readRouting(in, lfo);
+}
+
+// Payload sizes in words of the insert effects' saved forms inside "soundfx".
+constexpr int32_t phaserWords = 5, phaserZeros = 4;
+constexpr int32_t chorusWords = 5, chorusZeros = 3;
 
 }  // namespace
 
@@ -221,6 +290,103 @@ void CSound::panGains(float volume, float pan, float& gainL, float& gainR) {
 float CSound::bendSemitones() const {
     const CSynthProg* prog = program();
     return prog ? static_cast<float>(bendRange) * prog->bend : 0.0f;
+}
+
+void CSound::save(CStream& stream) const {
+    const int32_t sound = beginBlock(stream, "sound");
+    stream.writeU8(static_cast<uint8_t>(subKind));
+    writeString(stream, name);
+    stream.writeU8(mode);
+    stream.writeU8(group);
+    stream.writeU8(0);
+    stream.writeU8(0);
+    stream.writeF32(volume);
+    stream.writeF32(pan);
+    stream.writeI32(filter);
+    stream.writeF32(cutoff);
+    stream.writeF32(q);
+    stream.writeI32(dist);
+    stream.writeI32(0);
+    stream.writeI32(0);
+    stream.writeF32(coarse);
+    stream.writeF32(fine);
+    stream.writeI32(glide);
+    stream.writeI32(bendRange);
+    for (int32_t k = 0; k < 14; ++k) stream.writeI32(0);
+    stream.writeF32(sends[0]);
+    stream.writeF32(sends[1]);
+    stream.writeI32(0);
+    for (int32_t value : {int32_t{mute}, int32_t{drumFlag}, int32_t{solo}, 0, keyLow, keyHigh, velLow, velHigh})
+        stream.writeU8(static_cast<uint8_t>(value));
+    saveKind(stream);
+    stream.closeBlock(sound);
+
+    const int32_t mod = beginBlock(stream, "soundmod");
+    writeRouting(stream, vel);
+    writeEnvelope(stream, envelope[0]);
+    writeEnvelope(stream, envelope[1]);
+    for (const CLFO& each : lfo) writeLFO(stream, each);
+    for (int32_t i = 2; i < envelopeCount; ++i) {
+        writeEnvelope(stream, envelope[i]);
+        writeRouting(stream, envelope[i]);
+    }
+    writeRouting(stream, cp);
+    for (int32_t target : ccMap) stream.writeU8(static_cast<uint8_t>(target));
+    stream.closeBlock(mod);
+
+    const int32_t effects = beginBlock(stream, "soundfx");
+    saveFXState(stream, *fx[0], phaserWords, phaserZeros);
+    saveFXState(stream, *fx[1], chorusWords, chorusZeros);
+    stream.closeBlock(effects);
+}
+
+void CSound::loadSound(BlockIn& in) {
+    in.string(name);
+    in.u8(mode);
+    in.u8(group);
+    in.skip(2);
+    in.f32(volume);
+    in.f32(pan);
+    in.i32(filter);
+    in.f32(cutoff);
+    in.f32(q);
+    in.i32(dist);
+    in.skip(8);
+    in.f32(coarse);
+    in.f32(fine);
+    in.i32(glide);
+    in.i32(bendRange);
+    in.skip(14 * 4);
+    in.f32(sends[0]);
+    in.f32(sends[1]);
+    in.skip(4);
+    in.u8(mute);
+    in.u8(drumFlag);
+    in.u8(solo);
+    in.skip(1);
+    in.u8To(keyLow);
+    in.u8To(keyHigh);
+    in.u8To(velLow);
+    in.u8To(velHigh);
+    loadKind(in);
+}
+
+void CSound::loadModulation(BlockIn& in) {
+    readRouting(in, vel);
+    readEnvelope(in, envelope[0]);
+    readEnvelope(in, envelope[1]);
+    for (CLFO& each : lfo) readLFO(in, each);
+    for (int32_t i = 2; i < envelopeCount; ++i) {
+        readEnvelope(in, envelope[i]);
+        readRouting(in, envelope[i]);
+    }
+    readRouting(in, cp);
+    for (int32_t& target : ccMap) in.u8To(target);
+}
+
+void CSound::loadEffects(BlockIn& in) {
+    loadFXState(in, *fx[0], phaserWords, phaserZeros);
+    loadFXState(in, *fx[1], chorusWords, chorusZeros);
 }
 
 CSound* createSound(int32_t subKind) {

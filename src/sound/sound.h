@@ -22,7 +22,9 @@
 #include "sound/modulation.h"
 #include "sound/voice.h"
 
+class BlockIn;
 class CLayer;
+class CStream;
 class CSynthProg;
 
 enum SoundKind : int32_t { soundSampled = 1, soundOscillator = 2 };
@@ -56,6 +58,13 @@ public:
     // The insert effects follow the engine's block size and rate.
     void setBlockSize(int32_t frames);
     void setSampleRate(float rate);
+
+    // "sound", "soundmod" and "soundfx".
+    void save(CStream& stream) const;
+    // The "sound" payload after its first byte (the kind, which the loader has read to make the sound).
+    void loadSound(BlockIn& in);
+    void loadModulation(BlockIn& in);
+    void loadEffects(BlockIn& in);
 
     // The program this sound belongs to, through its layer; null for a sound outside any layer.
     CSynthProg* program() const;
@@ -91,6 +100,10 @@ public:
     int32_t voiceCounter = 0;  // voices rendered so far in the current sub-block
 
 protected:
+    // The kind's part of the "sound" block.
+    virtual void saveKind(CStream& /*stream*/) const {}
+    virtual void loadKind(BlockIn& /*in*/) {}
+
     // A chunk of at most `chunk` frames, cut at the end of a glide, of any running segment, of any LFO
     // delay and at the next wrap of any LFO.
     int32_t cutChunk(SamplerVoice& voice, int32_t chunk, WrapRounding rounding) const;

@@ -158,13 +158,13 @@ TEST(OscillatorSound, DefaultProgramAtKey69IsAt440HzWithinHalfACent) {
     rig.render(static_cast<int64_t>(rate) * seconds + 4096, {{0, noteOn(69)}});
     std::vector<float> mono(rig.left.size());
     for (size_t n = 0; n < mono.size(); ++n) mono[n] = rig.left[n] + rig.right[n];
-    const Spectrum spectrum(mono, 4096, static_cast<size_t>(rate) * seconds, rate);
+    const FourierPeaks peaks(mono, 4096, static_cast<size_t>(rate) * seconds, rate);
 
     const double lookup = 65535.0 / 65536.0;
     const double upper = 440.0 * std::pow(2.0, 0.08 / 12.0) * lookup;
     const double lower = 440.0 * std::pow(2.0, -0.08 / 12.0) * lookup;
-    const double measuredUpper = spectrum.peak(upper - 1.0, upper + 1.0);
-    const double measuredLower = spectrum.peak(lower - 1.0, lower + 1.0);
+    const double measuredUpper = peaks.peak(upper - 1.0, upper + 1.0);
+    const double measuredLower = peaks.peak(lower - 1.0, lower + 1.0);
     EXPECT_NEAR(cents(measuredUpper, upper), 0.0, 0.05) << measuredUpper << " Hz";
     EXPECT_NEAR(cents(measuredLower, lower), 0.0, 0.05) << measuredLower << " Hz";
     EXPECT_NEAR(cents(std::sqrt(measuredUpper * measuredLower), 440.0), 0.0, 0.5);

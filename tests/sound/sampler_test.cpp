@@ -223,9 +223,9 @@ TEST(SamplerEvents, PitchWheelMovesByTheBendRange) {
         Rig rig;
         rig.plainSound().bendRange = row.bendRange;
         rig.render(48000 + 4096, {{0, pitchWheel(row.wheel)}, {0, noteOn(69)}});
-        const Spectrum spectrum(rig.left, 4096, 48000, rate);
+        const FourierPeaks peaks(rig.left, 4096, 48000, rate);
         const double expected = 440.0 * std::pow(2.0, row.semitones / 12.0) * 65535.0 / 65536.0;
-        EXPECT_NEAR(cents(spectrum.peak(expected * 0.97, expected * 1.03), expected), 0.0, 0.5) << row.wheel;
+        EXPECT_NEAR(cents(peaks.peak(expected * 0.97, expected * 1.03), expected), 0.0, 0.5) << row.wheel;
     }
 }
 

@@ -99,10 +99,10 @@ private:
 };
 
 // Peaks of a Hann-windowed stretch of a signal, found to a small fraction of a bin by golden-section
-// search on the spectrum's magnitude.
-class Spectrum {
+// search on the Fourier magnitude.
+class FourierPeaks {
 public:
-    Spectrum(const std::vector<float>& x, size_t begin, size_t count, double rate) : rate_(rate), windowed_(count) {
+    FourierPeaks(const std::vector<float>& x, size_t begin, size_t count, double rate) : rate_(rate), windowed_(count) {
         for (size_t n = 0; n < count; ++n)
             windowed_[n] = x[begin + n] * (0.5 - 0.5 * std::cos(2.0 * M_PI * static_cast<double>(n) / static_cast<double>(count)));
     }

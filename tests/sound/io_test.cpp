@@ -1,0 +1,507 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "core/stream.h"
+#include "fx/chorus.h"
+#include "fx/delay.h"
+#include "fx/phaser.h"
+#include "fx/reverb.h"
+#include "sound_rig.h"
+
+using namespace soundtest;
+
+namespace {
+
+std::vector<uint8_t> bytesOf(CMemoryStream& stream) {
+    return std::vector<uint8_t>(stream.data(), stream.data() + stream.getSize());
+}
+
+std::vector<uint8_t> saved(CComp& comp) {
+    CMemoryStream stream;
+    comp.save(stream);
+    return bytesOf(stream);
+}
+
+void loadBytes(CComp& comp, const std::vector<uint8_t>& bytes) {
+    CMemoryStream stream;
+    if (!bytes.empty()) stream.write(bytes.data(), static_cast<int32_t>(bytes.size()));
+    stream.seek(0, seekFromStart);
+    comp.load(stream, stream.getSize());
+}
+
+// Every saved field of a sound away from its default, each to a value of its own.
+void fill(COSCSound& sound, int32_t seed) {
+    float next = 0.01f * static_cast<float>(seed + 1);
+    auto value = [&next]() { return next += 0.0137f; };
+    sound.name = concat("sound ", intToString(seed));
+    sound.mode = modeMono;
+    sound.group = static_cast<uint8_t>(3 + seed);
+    sound.volume = value();
+    sound.pan = -value();
+    sound.filter = filterHigh;
+    sound.cutoff = value();
+    sound.q = value();
+    sound.dist = 1;
+    sound.coarse = -7.0f;
+    sound.fine = value();
+    sound.glide = 123 + seed;
+    sound.bendRange = 5;
+    sound.sends[0] = value();
+    sound.sends[1] = value();
+    sound.mute = 1;
+    sound.drumFlag = 1;
+    sound.solo = 1;
+    sound.keyLow = 10 + seed;
+    sound.keyHigh = 100;
+    sound.velLow = 5;
+    sound.velHigh = 120;
+    for (float* field : {&sound.feed1, &sound.detune, &sound.phase, &sound.width, &sound.feed2, &sound.phaseMod,
+                         &sound.phase2, &sound.oscRing, &sound.modRing})
+        *field = value();
+    sound.coarse2 = 12.0f;
+    sound.pmMul = 4;
+    sound.oscInv = -1.0f;
+    for (CMod* mod : std::initializer_list<CMod*>{&sound.vel, &sound.cp, &sound.envelope[2], &sound.envelope[5],
+                                                  &sound.lfo[0], &sound.lfo[3]}) {
+        for (RoutingEntry& entry : mod->params) {
+            entry.flag = 0;
+            entry.index = static_cast<int32_t>(value() * 100.0f) % targetCount;
+            entry.amount = value();
+        }
+    }
+    for (CEnv& env : sound.envelope) {
+        env.enabled = static_cast<uint8_t>(1 - env.enabled);
+        for (float* field : {&env.initial, &env.attack, &env.ac, &env.decay, &env.dc, &env.sustain, &env.releaseTime, &env.rc})
+            *field = value();
+        env.timeScale = 700 + seed;
+    }
+    for (CLFO& lfo : sound.lfo) {
+        lfo.wave = waveSaw;
+        lfo.rate = value();
+        lfo.sync = 1;
+        lfo.mul = 3;
+        lfo.div = 7;
+        lfo.delay = 250;
+        lfo.inv = 0;
+        lfo.restart = restartMono;
+    }
+    for (int32_t c = 0; c < controllerCount; ++c) sound.ccMap[c] = (c * 7 + seed) % targetCount;
+    auto& phaser = static_cast<CPhaser&>(*sound.fx[0]);
+    phaser.setEnabled(true);
+    phaser.dry = value();
+    phaser.wet = value();
+    phaser.rate = value();
+    phaser.feedback = value();
+    phaser.phase = 45.0f;
+    phaser.rangeMin = 300.0f;
+    phaser.rangeMax = 5000.0f;
+    auto& chorus = static_cast<CChorus&>(*sound.fx[1]);
+    chorus.setEnabled(true);
+    chorus.dry = value();
+    chorus.wet = value();
+    chorus.delay = 12.0f;
+    chorus.depth = value();
+    chorus.phase = 60.0f;
+    chorus.feedback = value();
+    chorus.rate = 1.5f;
+}
+
+// Three programs, the middle one current, with two layers of which the second is selected, both send
+// effects on, and every field away from its default.
+void enrich(CSampler& sampler) {
+    sampler.mch = 5;
+    sampler.options[0] = 3;
+    sampler.options[31] = 0xAB;
+    sampler.addDefaultProgram(nullptr);
+    sampler.addDefaultProgram(nullptr);
+    int32_t seed = 0;
+    for (CObject* object : sampler.programs) {
+        auto& prog = *static_cast<CSynthProg*>(object);
+        prog.name = concat("program ", intToString(seed));
+        CLayer* second = prog.addLayer();
+        second->editAll = 1;
+        for (int32_t k = 0; k < 2; ++k) second->addSound(new COSCSound());
+        prog.selectedLayer = second;
+        for (CLayer* layer : prog.layers)
+            for (CSound* sound : layer->sounds) fill(static_cast<COSCSound&>(*sound), seed++);
+        auto& reverb = static_cast<CReverb&>(*prog.reverb());
+        reverb.setEnabled(true);
+        reverb.dry = 0.3f;
+        reverb.wet = 0.7f;
+        reverb.setPreDelay(40 + seed);
+        reverb.setSizeMs(2500 + seed);
+        auto& delay = static_cast<CDelay&>(*prog.delay());
+        delay.setEnabled(true);
+        delay.dry = 0.2f;
+        delay.wet = 0.9f;
+        delay.setFeedback(0.4f);
+        delay.setSync(0);
+        delay.setMulLeft(2);
+        delay.setDivLeft(3);
+        delay.setMulRight(4);
+        delay.setDivRight(5);
+        delay.setDelayTimeLeft(300.0f + seed);
+        delay.setDelayTimeRight(450.0f);
+    }
+    sampler.setProgram(1);
+}
+
+// Messages of damaged blocks, as a main window would show them.
+std::vector<std::string> prompts;
+void capturePrompt(const CString& caption, const CString& text) {
+    prompts.push_back(std::string(caption.c_str()) + "|" + text.c_str());
+}
+
+// A stream written by hand from the block layout.
+class Writer {
+public:
+    void block(const char* tag, const std::vector<uint8_t>& payload) {
+        writeBlockHeader(stream, tag, static_cast<uint32_t>(payload.size()));
+        if (!payload.empty()) stream.write(payload.data(), static_cast<int32_t>(payload.size()));
+    }
+    CMemoryStream stream;
+};
+
+class Bytes {
+public:
+    Bytes& u8(uint32_t v) {
+        data.push_back(static_cast<uint8_t>(v));
+        return *this;
+    }
+    Bytes& i32(int32_t v) {
+        for (int k = 0; k < 4; ++k) data.push_back(static_cast<uint8_t>(static_cast<uint32_t>(v) >> (8 * k)));
+        return *this;
+    }
+    Bytes& f32(float v) {
+        uint32_t bits;
+        std::memcpy(&bits, &v, 4);
+        return i32(static_cast<int32_t>(bits));
+    }
+    Bytes& str(const char* text) {
+        i32(static_cast<int32_t>(std::strlen(text)));
+        for (const char* c = text; *c; ++c) data.push_back(static_cast<uint8_t>(*c));
+        return *this;
+    }
+    Bytes& zeros(int32_t count) {
+        data.insert(data.end(), static_cast<size_t>(count), 0);
+        return *this;
+    }
+    Bytes& routing(uint8_t flag, float amount, int32_t index) { return u8(flag).f32(amount).i32(index); }
+    std::vector<uint8_t> data;
+};
+
+Bytes envelopeBytes(float base, int32_t timeScale) {
+    Bytes b;
+    b.u8(1).zeros(3);
+    for (int k = 0; k < 8; ++k) b.f32(base + 0.01f * k);
+    return b.zeros(8).i32(timeScale);
+}
+
+// Loads, then plays a few notes: a damaged state must also render safely.
+void loadAndPlay(Rig& rig, const std::vector<uint8_t>& bytes) {
+    loadBytes(*rig.sampler, bytes);
+    ASSERT_GE(rig.sampler->programs.count(), 1);
+    rig.cycle({{0, noteOn(60)}, {10, noteOn(72, 1)}, {500, control(7, 64)}, {600, noteOff(60)}});
+    rig.cycle({{0, control(123, 0)}});
+}
+
+}  // namespace
+
+TEST(SamplerFile, SaveLoadSaveGivesIdenticalBytes) {
+    Rig rig;
+    enrich(*rig.sampler);
+    const std::vector<uint8_t> first = saved(*rig.sampler);
+
+    Rig other;
+    loadBytes(*other.sampler, first);
+    EXPECT_EQ(saved(*other.sampler), first);
+    EXPECT_EQ(other.sampler->programs.count(), 3);
+    EXPECT_EQ(other.sampler->program, 1);
+
+    std::unique_ptr<CComp> twin(rig.sampler->copy());
+    ASSERT_NE(twin, nullptr);
+    EXPECT_EQ(saved(*twin), first) << "a copy carries the whole state";
+}
+
+TEST(SamplerFile, WritesTheBlocksInTheirOrderAndSizes) {
+    Rig rig;
+    const std::vector<uint8_t> bytes = saved(*rig.sampler);
+    CMemoryStream stream;
+    stream.write(bytes.data(), static_cast<int32_t>(bytes.size()));
+    stream.seek(0, seekFromStart);
+    const std::pair<const char*, uint32_t> expected[] = {
+        {"filetype", 4}, {"mch", 4},        {"progi", 4},   {"prog", 0},        {"progid", 11},
+        {"layer", 0},    {"laex", 32},      {"sound", 186}, {"soundmod", 840},  {"soundfx", 86},
+        {"progfx", 106}, {"reverbSize", 4}, {"layeri", 4},  {"options", 32},
+    };
+    CBlockReader blocks(stream, stream.getSize());
+    size_t index = 0;
+    while (blocks.next()) {
+        ASSERT_LT(index, std::size(expected));
+        EXPECT_EQ(blocks.tag(), CString(expected[index].first)) << index;
+        EXPECT_EQ(blocks.size(), expected[index].second) << expected[index].first;
+        if (blocks.is("filetype")) {
+            uint32_t type = 0;
+            stream.readU32(type);
+            EXPECT_EQ(type, 3u);
+        }
+        blocks.skip();
+        ++index;
+    }
+    EXPECT_EQ(index, std::size(expected));
+}
+
+TEST(SamplerFile, ReadsFieldsFromTheirPlaces) {
+    struct Row {
+        int32_t oscInv;
+        float expected;
+    } rows[] = {{-1, -1.0f}, {1, 1.0f}, {7, 1.0f}, {0, 1.0f}};
+    for (const Row& row : rows) {
+        Writer w;
+        w.block("filetype", Bytes().i32(3).data);
+        w.block("mch", Bytes().i32(9).data);
+        w.block("prog", {});
+        w.block("progid", Bytes().str("Lead").data);
+        w.block("layer", {});
+        w.block("laex", Bytes().u8(1).zeros(3 + 28).data);
+        Bytes sound;
+        sound.u8(soundOscillator).str("saw").u8(1).u8(4).zeros(2);
+        sound.f32(0.8f).f32(-0.25f).i32(2).f32(0.7f).f32(0.3f).i32(1).zeros(8);
+        sound.f32(-12.0f).f32(0.5f).i32(250).i32(7).zeros(56).f32(0.125f).f32(0.375f).zeros(4);
+        sound.u8(1).u8(0).u8(1).u8(0).u8(24).u8(96).u8(10).u8(110);
+        sound.f32(0.11f).f32(0.12f).f32(0.13f).f32(0.14f).f32(0.15f).f32(0.16f).f32(-24.0f).f32(0.17f);
+        sound.i32(3).i32(row.oscInv).f32(0.18f).f32(0.19f);
+        w.block("sound", sound.data);
+        Bytes mod;
+        mod.routing(0, 0.5f, 4).routing(1, 0.25f, 3).routing(1, 0, 0).routing(1, 0, 0);
+        for (float base : {0.2f, 0.3f}) {
+            const Bytes env = envelopeBytes(base, 900);
+            mod.data.insert(mod.data.end(), env.data.begin(), env.data.end());
+        }
+        for (int32_t i = 0; i < lfoCount; ++i) {
+            mod.u8(static_cast<uint32_t>(i)).f32(1.5f + i).u8(1).u8(2 + i).u8(3).i32(100 * i).u8(0).u8(2).zeros(2);
+            mod.routing(1, 0.1f * i, 9).routing(1, 0, 0).routing(1, 0, 0).routing(1, 0, 0);
+        }
+        for (float base : {0.4f, 0.5f, 0.6f, 0.7f}) {
+            const Bytes env = envelopeBytes(base, 1200);
+            mod.data.insert(mod.data.end(), env.data.begin(), env.data.end());
+            mod.routing(1, base, 8).routing(1, 0, 0).routing(1, 0, 0).routing(1, 0, 0);
+        }
+        mod.routing(1, 0.9f, 2).routing(1, 0, 0).routing(1, 0, 0).routing(1, 0, 0);
+        for (int32_t c = 0; c < controllerCount; ++c) mod.u8(c == 7 ? targetVolume : 0);
+        w.block("soundmod", mod.data);
+        w.block("soundfx", Bytes().u8(1).f32(0.4f).f32(0.6f).f32(0.2f).f32(0.5f).f32(30.0f).f32(100.0f).f32(9000.0f).zeros(16)
+                               .u8(0).f32(0.45f).f32(0.55f).f32(15.0f).f32(0.2f).f32(75.0f).f32(0.3f).f32(2.0f).zeros(12)
+                               .data);
+        w.block("progfx", Bytes().u8(1).f32(0.1f).f32(0.9f).i32(999).f32(3000.0f).zeros(32)
+                              .u8(1).f32(0.2f).f32(0.8f).f32(0.35f).i32(0).i32(2).i32(3).i32(4).i32(5).f32(120.0f).f32(240.0f).zeros(16)
+                              .data);
+        w.block("reverbSize", Bytes().i32(3500).data);
+        w.block("layeri", Bytes().i32(0).data);
+        w.block("progi", Bytes().i32(0).data);
+
+        Rig rig;
+        w.stream.seek(0, seekFromStart);
+        rig.sampler->load(w.stream, w.stream.getSize());
+        CSampler& sampler = *rig.sampler;
+        ASSERT_EQ(sampler.programs.count(), 1);
+        EXPECT_EQ(sampler.mch, 9);
+        CSynthProg& prog = *sampler.currentProgram();
+        EXPECT_EQ(prog.name, CString("Lead"));
+        ASSERT_EQ(prog.layers.count(), 1);
+        EXPECT_EQ(prog.selectedLayer, prog.layers.getAt(0));
+        EXPECT_EQ(prog.layers.getAt(0)->editAll, 1);
+        ASSERT_EQ(prog.layers.getAt(0)->sounds.count(), 1);
+        const auto& s = static_cast<const COSCSound&>(*prog.layers.getAt(0)->sounds.getAt(0));
+        EXPECT_EQ(s.name, CString("saw"));
+        EXPECT_EQ(s.mode, modeMono);
+        EXPECT_EQ(s.group, 4);
+        EXPECT_EQ(s.volume, 0.8f);
+        EXPECT_EQ(s.pan, -0.25f);
+        EXPECT_EQ(s.filter, filterHigh);
+        EXPECT_EQ(s.cutoff, 0.7f);
+        EXPECT_EQ(s.q, 0.3f);
+        EXPECT_EQ(s.dist, 1);
+        EXPECT_EQ(s.coarse, -12.0f);
+        EXPECT_EQ(s.fine, 0.5f);
+        EXPECT_EQ(s.glide, 250);
+        EXPECT_EQ(s.bendRange, 7);
+        EXPECT_EQ(s.sends[0], 0.125f);
+        EXPECT_EQ(s.sends[1], 0.375f);
+        EXPECT_EQ(s.mute, 1);
+        EXPECT_EQ(s.solo, 1);
+        EXPECT_EQ(s.keyLow, 24);
+        EXPECT_EQ(s.keyHigh, 96);
+        EXPECT_EQ(s.velLow, 10);
+        EXPECT_EQ(s.velHigh, 110);
+        EXPECT_EQ(s.feed1, 0.11f);
+        EXPECT_EQ(s.detune, 0.12f);
+        EXPECT_EQ(s.phase, 0.13f);
+        EXPECT_EQ(s.width, 0.14f);
+        EXPECT_EQ(s.feed2, 0.15f);
+        EXPECT_EQ(s.phaseMod, 0.16f);
+        EXPECT_EQ(s.coarse2, -24.0f);
+        EXPECT_EQ(s.phase2, 0.17f);
+        EXPECT_EQ(s.pmMul, 3);
+        EXPECT_EQ(s.oscInv, row.expected) << "stored " << row.oscInv;
+        EXPECT_EQ(s.oscRing, 0.18f);
+        EXPECT_EQ(s.modRing, 0.19f);
+        EXPECT_EQ(s.vel.params[0].flag, 0);
+        EXPECT_EQ(s.vel.params[0].amount, 0.5f);
+        EXPECT_EQ(s.vel.params[0].index, targetCutoff);
+        EXPECT_EQ(s.vel.params[1].index, targetPan);
+        EXPECT_EQ(s.envelope[1].initial, 0.3f);
+        EXPECT_FLOAT_EQ(s.envelope[0].attack, 0.21f);
+        EXPECT_FLOAT_EQ(s.envelope[0].ac, 0.22f);
+        EXPECT_FLOAT_EQ(s.envelope[0].decay, 0.23f);
+        EXPECT_FLOAT_EQ(s.envelope[0].dc, 0.24f);
+        EXPECT_FLOAT_EQ(s.envelope[0].sustain, 0.25f);
+        EXPECT_FLOAT_EQ(s.envelope[0].releaseTime, 0.26f);
+        EXPECT_FLOAT_EQ(s.envelope[0].rc, 0.27f);
+        EXPECT_EQ(s.envelope[0].timeScale, 900);
+        EXPECT_EQ(s.envelope[0].params[0].index, targetVolume) << "the first two envelopes keep their routing";
+        EXPECT_EQ(s.envelope[5].initial, 0.7f);
+        EXPECT_EQ(s.envelope[5].timeScale, 1200);
+        EXPECT_EQ(s.envelope[5].params[0].index, targetPhaseMod);
+        EXPECT_EQ(s.envelope[5].params[0].amount, 0.7f);
+        EXPECT_EQ(s.lfo[2].wave, 2);
+        EXPECT_EQ(s.lfo[2].rate, 3.5f);
+        EXPECT_EQ(s.lfo[2].sync, 1);
+        EXPECT_EQ(s.lfo[2].mul, 4);
+        EXPECT_EQ(s.lfo[2].div, 3);
+        EXPECT_EQ(s.lfo[2].delay, 200);
+        EXPECT_EQ(s.lfo[2].inv, 0);
+        EXPECT_EQ(s.lfo[2].restart, restartMono);
+        EXPECT_FLOAT_EQ(s.lfo[3].params[0].amount, 0.3f);
+        EXPECT_EQ(s.lfo[3].params[0].index, targetDetune);
+        EXPECT_EQ(s.cp.params[0].amount, 0.9f);
+        EXPECT_EQ(s.ccMap[7], targetVolume);
+        EXPECT_EQ(s.ccMap[8], 0);
+        const auto& phaser = static_cast<const CPhaser&>(*s.fx[0]);
+        EXPECT_EQ(phaser.enabled, 1);
+        EXPECT_EQ(phaser.dry, 0.4f);
+        EXPECT_EQ(phaser.wet, 0.6f);
+        EXPECT_EQ(phaser.rate, 0.2f);
+        EXPECT_EQ(phaser.feedback, 0.5f);
+        EXPECT_EQ(phaser.phase, 30.0f);
+        EXPECT_EQ(phaser.rangeMin, 100.0f);
+        EXPECT_EQ(phaser.rangeMax, 9000.0f);
+        const auto& chorus = static_cast<const CChorus&>(*s.fx[1]);
+        EXPECT_EQ(chorus.enabled, 0);
+        EXPECT_EQ(chorus.delay, 15.0f);
+        EXPECT_EQ(chorus.depth, 0.2f);
+        EXPECT_EQ(chorus.phase, 75.0f);
+        EXPECT_EQ(chorus.feedback, 0.3f);
+        EXPECT_EQ(chorus.rate, 2.0f);
+        const auto& reverb = static_cast<const CReverb&>(*prog.reverb());
+        EXPECT_EQ(reverb.enabled, 1);
+        EXPECT_EQ(reverb.wet, 0.9f);
+        EXPECT_EQ(reverb.preDelay, 250) << "pre-delay is clamped";
+        EXPECT_EQ(reverb.size, 3500) << "the later block decides the size";
+        const auto& delay = static_cast<const CDelay&>(*prog.delay());
+        EXPECT_EQ(delay.enabled, 1);
+        EXPECT_EQ(delay.feedback, 0.35f);
+        EXPECT_EQ(delay.sync, 0);
+        EXPECT_EQ(delay.mulLeft, 2);
+        EXPECT_EQ(delay.divLeft, 3);
+        EXPECT_EQ(delay.mulRight, 4);
+        EXPECT_EQ(delay.divRight, 5);
+        EXPECT_EQ(delay.timeLeft, 120.0f);
+        EXPECT_EQ(delay.timeRight, 240.0f);
+        EXPECT_EQ(delay.bufL, sampler.delayL.get()) << "a loaded delay uses the sampler's memory";
+    }
+}
+
+TEST(SamplerFile, ADamagedBlockIsReportedAndReadingGoesOn) {
+    prompts.clear();
+    setLoadErrorPrompt(capturePrompt);
+    Writer w;
+    w.block("prog", {});
+    w.block("layer", {});
+    w.block("sound", Bytes().u8(soundOscillator).str("cut").u8(0).data);  // ends inside the fields
+    w.block("mch", Bytes().i32(2).data);
+    w.block("progid", Bytes().str("Survivor").data);
+    Rig rig;
+    w.stream.seek(0, seekFromStart);
+    rig.sampler->load(w.stream, w.stream.getSize());
+    setLoadErrorPrompt(nullptr);
+    ASSERT_EQ(prompts.size(), 1u);
+    EXPECT_EQ(prompts[0], "Error reading Synthesizer|Error reading block: sound (9)");
+    EXPECT_EQ(rig.sampler->mch, 2);
+    CSynthProg& prog = *rig.sampler->currentProgram();
+    EXPECT_EQ(prog.name, CString("Survivor"));
+    ASSERT_EQ(prog.layers.getAt(0)->sounds.count(), 1) << "what the block held is kept";
+    EXPECT_EQ(prog.layers.getAt(0)->sounds.getAt(0)->name, CString("cut"));
+}
+
+TEST(SamplerFile, ANegativeSizeEndsTheLoad) {
+    Writer w;
+    w.block("mch", Bytes().i32(4).data);
+    writeBlockHeader(w.stream, "junk", 0x80000000u);
+    w.block("mch", Bytes().i32(6).data);
+    Rig rig;
+    w.stream.seek(0, seekFromStart);
+    rig.sampler->load(w.stream, w.stream.getSize());
+    EXPECT_EQ(rig.sampler->mch, 4);
+    EXPECT_EQ(rig.sampler->programs.count(), 1) << "a sampler never stays without a program";
+}
+
+TEST(SamplerFile, ASoundOfAKindWithoutAClassTakesNoBlocksOfTheSoundBefore) {
+    Rig rig;
+    const std::vector<uint8_t> good = saved(*rig.sampler);
+    Writer w;
+    w.stream.write(good.data(), static_cast<int32_t>(good.size()));
+    // A sampled sound (kind 1) behind the oscillator sound, with modulation blocks of its own.
+    Bytes sampled;
+    sampled.u8(soundSampled).str("drum").zeros(200);
+    w.block("sound", sampled.data);
+    w.block("soundmod", std::vector<uint8_t>(840, 0xFF));
+    w.stream.seek(0, seekFromStart);
+    rig.sampler->load(w.stream, w.stream.getSize());
+    CSynthProg& prog = *rig.sampler->currentProgram();
+    ASSERT_EQ(prog.layers.getAt(0)->sounds.count(), 1);
+    EXPECT_EQ(prog.layers.getAt(0)->sounds.getAt(0)->ccMap[0], 0);
+    EXPECT_EQ(saved(*rig.sampler), good);
+}
+
+TEST(SamplerFile, DamagedStreamsLoadWhatTheyCanAndStillPlay) {
+    Rig rig;
+    enrich(*rig.sampler);
+    const std::vector<uint8_t> good = saved(*rig.sampler);
+    setLoadErrorPrompt([](const CString&, const CString&) {});
+
+    Rig player;
+    for (size_t length = 0; length < good.size(); length += 13) {
+        SCOPED_TRACE(length);
+        loadAndPlay(player, std::vector<uint8_t>(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(length)));
+    }
+    std::mt19937 random(2024);
+    for (int32_t round = 0; round < 300; ++round) {
+        SCOPED_TRACE(round);
+        std::vector<uint8_t> bytes = good;
+        const int32_t flips = 1 + static_cast<int32_t>(random() % 8);
+        for (int32_t k = 0; k < flips; ++k) bytes[random() % bytes.size()] = static_cast<uint8_t>(random());
+        loadAndPlay(player, bytes);
+    }
+    for (int32_t round = 0; round < 100; ++round) {
+        SCOPED_TRACE(round);
+        std::vector<uint8_t> bytes(random() % 3000);
+        for (uint8_t& b : bytes) b = static_cast<uint8_t>(random());
+        loadAndPlay(player, bytes);
+    }
+    setLoadErrorPrompt(nullptr);
+
+    // A stream cut behind the first program's blocks still gives that program whole.
+    const size_t firstProgramEnd = [&] {
+        const std::string text(good.begin(), good.end());
+        return text.find("prog", text.find("layeri"));
+    }();
+    loadBytes(*player.sampler, std::vector<uint8_t>(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(firstProgramEnd)));
+    ASSERT_EQ(player.sampler->programs.count(), 1);
+    EXPECT_EQ(player.sampler->getProgramName(0), CString("program 0"));
+    EXPECT_EQ(static_cast<CSynthProg*>(player.sampler->programs.getAt(0))->layers.count(), 2);
+}

@@ -116,8 +116,10 @@ void CComp::setBlockSize(int32_t frames) {
 }
 
 void CComp::setSampleRate(double rate) {
-    for (COutputChannel* channel : outputChannels)
+    for (COutputChannel* channel : outputChannels) {
+        channel->setSampleRate(rate);
         for (CComp* insert : channel->inserts) insert->setSampleRate(rate);
+    }
 }
 
 void CComp::pullMIDI(int32_t frames) {
@@ -164,24 +166,42 @@ void CComp::process(int32_t frames) {
     processBlock(frames);
 }
 
+StripContext CComp::stripContext(int32_t frames) const {
+    StripContext context;
+    context.frames = frames;
+    context.soloExempt = subKind == compGroupChannel || subKind == compAudioOut;
+    if (engine) {
+        context.groups = std::min(engine->groupChannels.count(), COutputChannel::maxSends);
+        context.metersOnly = engine->exclusive.load(std::memory_order_relaxed) == 1 && engine->renderAll;
+        context.deferSends = engine->collectingSends.load(std::memory_order_relaxed);
+    }
+    return context;
+}
+
 void CComp::processStrip(int32_t frames) {
     CycleGuardScope scope(stripGuard);
     if (!scope.entered() || outputChannels.empty()) return;
+    const StripContext context = stripContext(frames);
     const CInputPort* port = firstInputPort();
+    // Send levels don't cut the block: the sends go out once a block, so a level set by an event holds for
+    // the whole block in which it falls.
+    for (const CMIDIEvent* event = port ? port->first() : nullptr; event; event = event->next) {
+        if (event->type != EventType::param) continue;
+        for (COutputChannel* channel : outputChannels)
+            if (channel->ownsSend(event->target)) channel->applyParamEvent(event->target, event->param, event->value);
+    }
     auto concerns = [this](const CMIDIEvent& event) {
-        for (COutputChannel* channel : outputChannels)
-            if (event.target == channel || channel->ownsSend(event.target)) return true;
-        return false;
+        return std::any_of(outputChannels.begin(), outputChannels.end(),
+                           [&event](const COutputChannel* channel) { return event.target == channel; });
     };
-    auto runPiece = [this](int32_t offset, int32_t n) {
-        for (COutputChannel* channel : outputChannels) channel->runStripPiece(offset, n);
+    auto runPiece = [this, &context](int32_t offset, int32_t n) {
+        for (COutputChannel* channel : outputChannels) channel->runStripPiece(context, offset, n);
     };
-    auto apply = [this](const CMIDIEvent& event) {
-        for (COutputChannel* channel : outputChannels)
-            if (event.target == channel || channel->ownsSend(event.target))
-                channel->applyParamEvent(event.target, event.param, event.value);
+    auto apply = [](const CMIDIEvent& event) {
+        static_cast<COutputChannel*>(event.target)->applyParamEvent(event.target, event.param, event.value);
     };
     cutAtParamEvents(port, frames, concerns, runPiece, apply);
+    for (COutputChannel* channel : outputChannels) channel->endStrip(context);
 }
 
 void CComp::runInsert(COutputChannel& channel, CComp& insert, int32_t frames) {
@@ -201,16 +221,18 @@ void CComp::runInsert(COutputChannel& channel, CComp& insert, int32_t frames) {
         for (int32_t i = 0; i < frames; ++i) out->left()[i] = dry * in->left()[i] + wet * out->left()[i];
         for (int32_t i = 0; i < frames; ++i) out->right()[i] = dry * in->right()[i] + wet * out->right()[i];
     }
-    out->runStripPiece(0, frames);
+    out->meter(0, frames);
 }
 
 void CComp::processInserts(int32_t frames) {
     CycleGuardScope scope(insertsGuard);
     if (!scope.entered()) return;
     for (COutputChannel* channel : outputChannels) {
+        if (!channel->left()) continue;
+        channel->processFront(frames);
         COutputChannel* last = nullptr;
         for (CComp* insert : channel->inserts) {
-            if (!insert->firstInputChannel() || !insert->firstOutputChannel() || !channel->left()) continue;
+            if (!insert->firstInputChannel() || !insert->firstOutputChannel()) continue;
             // Each insert takes what the previous one made.
             if (last) {
                 std::copy_n(last->left(), frames, channel->left());
@@ -301,6 +323,7 @@ CInputChannel* CComp::addInputChannel(int32_t channels) {
 COutputChannel* CComp::addOutputChannel(int32_t channels) {
     auto* channel = new COutputChannel(this, channels);
     if (blockFrames > 0) channel->allocate(blockFrames);
+    if (engine) channel->setSampleRate(engine->sampleRate);
     outputChannels.add(channel);
     return channel;
 }

@@ -165,6 +165,8 @@ public:
     virtual bool takesAudio() const { return false; }
 
     void pullAudio(int32_t frames);
+    // What the strips of this component need to know for a block of this many frames.
+    StripContext stripContext(int32_t frames) const;
     bool isSequencer() const { return kind == 1 && subKind == compSequencer; }
     bool processed() const { return processGuard.done(); }
     bool busy() const { return processGuard.busy(); }

@@ -92,7 +92,7 @@ void CQV::beginCycle(int32_t frames) {
     sequencer = nullptr;
     mainOut = nullptr;
     for (CComp* comp : comps) {
-        for (COutputChannel* channel : comp->outputChannels) channel->anySolo = anySolo;
+        for (COutputChannel* channel : comp->outputChannels) channel->anySolo = anySolo ? 1 : 0;
         comp->orderClass = orderOrdinary;
         comp->beginCycle(frames);
         if (comp->isSequencer() && !sequencer) sequencer = comp;
@@ -100,7 +100,7 @@ void CQV::beginCycle(int32_t frames) {
     }
     for (CGroupCh* group : groupChannels) {
         group->orderClass = orderGroup;
-        for (COutputChannel* channel : group->outputChannels) channel->anySolo = false;
+        for (COutputChannel* channel : group->outputChannels) channel->anySolo = 0;
         group->beginCycle(frames);
     }
 }
@@ -181,7 +181,28 @@ void CQV::sumAndPull(CAudioCable& cable, int32_t frames) {
     cable.sumAtOutput(frames);
 }
 
+namespace {
+
+void deliverSendsOf(CQV& engine, const TList<CComp>& comps) {
+    for (CComp* comp : comps) {
+        for (COutputChannel* channel : comp->outputChannels) channel->deliverSends(engine);
+        deliverSendsOf(engine, comp->comps);
+    }
+}
+
+}  // namespace
+
+void CQV::deliverSends() {
+    collectingSends.store(false, std::memory_order_relaxed);
+    if (groupChannels.empty()) return;
+    deliverSendsOf(*this, comps);
+    // A group pulled through an ordinary component ran in this phase too.
+    for (CGroupCh* group : groupChannels)
+        for (COutputChannel* channel : group->outputChannels) channel->deliverSends(*this);
+}
+
 void CQV::runGraph(int32_t frames) {
+    collectingSends.store(true, std::memory_order_relaxed);
     if (multicore && workers->threadCount > 0) {
         for (CComp* comp : comps) {
             if (comp->isSequencer() && !comp->processed()) {
@@ -216,6 +237,7 @@ void CQV::runGraph(int32_t frames) {
                 if (cable->source->orderClass == orderOrdinary) sumAndPull(*cable, frames);
         }
     }
+    deliverSends();
     for (CComp* out : comps) {
         if (!isAudioOut(out)) continue;
         for (CAudioCable* cable : out->audioCablesIn)
@@ -454,6 +476,7 @@ void CQV::setBlockSize(int32_t frames) {
     if (frames == blockSize) return;
     blockSize = frames;
     for (auto& buffer : scratch) buffer = std::make_unique<float[]>(static_cast<size_t>(frames));
+    sendScratch.allocate(frames);
     CComp::setBlockSize(frames);
     forEachComponent([frames](CComp& comp) { comp.setBlockSize(frames); });
 }

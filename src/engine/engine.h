@@ -110,6 +110,10 @@ public:
     bool cycleJumped = false;
     bool renderAll = false;
     std::unique_ptr<float[]> scratch[4];
+    // One channel's sends on their way to the groups, one block long.
+    StereoBuffer sendScratch;
+    // While the ordinary components run (on workers too), strips leave their sends for deliverSends.
+    std::atomic<bool> collectingSends{false};
     int32_t recBits = 16;
     int32_t blockSize = 1024;
     int32_t recLatency = 0;
@@ -158,6 +162,9 @@ private:
     void handleController(CMIDIEvent& event);
     void runGraph(int32_t frames);
     void sumAndPull(CAudioCable& cable, int32_t frames);
+    // Adds the sends the ordinary components left into the groups, in the order of the component list, so
+    // that the sums come out the same whichever thread ran which strip.
+    void deliverSends();
     void compensateLatency();
     template <void (CUndo::*Run)(CQV&)>
     void runStep(void* step);

@@ -34,9 +34,13 @@ public:
     void process(int32_t frames) override;
 };
 
+// A group bus: sends and cables sum into its input channel, which it copies to its output channel, whose
+// strip then runs like any other. Its place in the engine's groupChannels is the index of the sends that
+// reach it, so a project has at most COutputChannel::maxSends groups. Groups run on the audio thread after
+// the ordinary components.
 class CGroupCh : public CComp {
 public:
-    explicit CGroupCh(CQV* engine) : CComp(engine, compGroupChannel) {}
+    explicit CGroupCh(CQV* engine) : CComp(engine, compGroupChannel) { name = "Group"; }
     void createPorts() override;
     bool takesAudio() const override { return true; }
     void processBlock(int32_t frames) override;

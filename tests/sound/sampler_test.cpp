@@ -392,20 +392,37 @@ TEST(SamplerRealTime, SixtyFourVoicesRenderWithoutAllocating) {
     sound.fx[0]->setEnabled(true);
     sound.fx[1]->setEnabled(true);
     sound.lfo[0].wave = waveRandom;
-    rig.cycle();
+    sound.ccMap[74] = targetCutoff;
+    std::vector<std::pair<double, uint32_t>> all;
+    for (int32_t k = 0; k < CSampler::voiceCount; ++k) all.emplace_back(k, noteOn(30 + k));
+    rig.cycle(all);
+    ASSERT_EQ(rig.sampler->soundingVoices(), CSampler::voiceCount);
+
+    // Every cycle: wheel and a mapped controller. Every eighth cycle eight keys are let go, and taken again
+    // four cycles later, once their voices have released and closed; in between, while those voices are
+    // still releasing, a further note finds no voice.
+    int32_t fewest = CSampler::voiceCount;
     int64_t allocations = 0;
     {
         rtprobe::Scope probe;
         for (int32_t cycle = 0; cycle < 200; ++cycle) {
             rig.engine.beginCycle(rig.block);
+            CMIDIQ& port = *rig.in->firstOutputPort();
+            port.addEvent(10.0, pitchWheel((cycle * 97) % 16384));
+            port.addEvent(20.0, control(74, cycle % 128));
+            if (cycle % 8 == 1) port.addEvent(30.0, noteOn(100));
+            const int32_t group = (cycle / 8) % 8;
             for (int32_t k = 0; k < 8; ++k) {
-                const int32_t key = 30 + (cycle * 8 + k) % CSampler::voiceCount;
-                rig.in->firstOutputPort()->addEvent(k * 100.0, cycle % 2 ? noteOff(key) : noteOn(key));
+                const int32_t key = 30 + group * 8 + k;
+                if (cycle % 8 == 0) port.addEvent(100.0 + k, noteOff(key));
+                if (cycle % 8 == 4) port.addEvent(100.0 + k, noteOn(key));
             }
             rig.engine.process(rig.block);
+            fewest = std::min(fewest, rig.sampler->soundingVoices());
         }
         allocations = probe.allocations();
     }
     EXPECT_EQ(allocations, 0);
-    EXPECT_GT(rig.sampler->soundingVoices(), 0);
+    EXPECT_EQ(rig.sampler->soundingVoices(), CSampler::voiceCount);
+    EXPECT_EQ(fewest, CSampler::voiceCount - 8) << "voices were freed and taken again inside the probe";
 }

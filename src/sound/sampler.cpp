@@ -51,11 +51,13 @@ CSampler::CSampler(CQV* engine)
       interpScratch(std::make_unique<float[]>(scratchFrames)) {
     name = "Synthesizer";
     setBlockSize(engine ? engine->blockSize : 1024);
+    for (int32_t index = 0; index < mixerParamCount; ++index) mixParams.add(new CMixerParam(this, index));
 }
 
 CSampler::~CSampler() {
     // Programs go before the delay memory they borrow.
     programs.deleteAll();
+    mixParams.deleteAll();
 }
 
 void CSampler::createBasePorts() {

@@ -18,6 +18,7 @@
 #include <memory>
 
 #include "engine/comp.h"
+#include "fx/mixer.h"
 #include "sound/event_queue.h"
 #include "sound/program.h"
 #include "sound/sound_random.h"
@@ -45,6 +46,7 @@ public:
     static constexpr int32_t scratchFrames = 131072;
     static constexpr int32_t maxPrograms = 256;
     static constexpr int32_t optionBytes = 32;
+    static constexpr int32_t mixerParamCount = 8;
 
     explicit CSampler(CQV* engine);
     ~CSampler() override;
@@ -112,6 +114,7 @@ public:
     float paramValues[paramCount] = {};
     uint8_t options[optionBytes] = {};  // byte 0: the editor's page; the others are kept as they are
     CSoundRandom random;
+    TList<CMixerParam> mixParams;  // owned: parameters 0 to 7 on the mixer strip
 
 private:
     bool concerns(const CMIDIEvent& event) const;

@@ -317,6 +317,8 @@ TEST(SamplerSends, DelaysOfEveryProgramShareTheSamplersMemory) {
 
 TEST(SamplerPrograms, SwitchingLeavesSoundingVoicesAlone) {
     Rig rig;
+    ASSERT_EQ(rig.sampler->mixParams.count(), 8);
+    EXPECT_EQ(rig.sampler->mixParams.getAt(7)->index, 7);
     ASSERT_TRUE(rig.sampler->addDefaultProgram(nullptr));
     EXPECT_EQ(rig.sampler->program, 1);
     rig.sampler->setProgram(0);

@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc)
 CMAKE ?= cmake
 CTEST ?= ctest
 SANITIZED_TARGETS = sanitized_tests
-SANITIZED_LABELS = engine|core|platform|seq|fx|sound
+SANITIZED_LABELS = engine|core|platform|seq|fx|sound|files
 
 .PHONY: all bootstrap release run test test-release test-asan test-tsan bench clang clean
 

@@ -1,4 +1,4 @@
-# make run   : set up, build, and run the program's main job
+# make run   : set up, build, and render the demo song to build/demo.wav
 # make test  : set up, build, and run every test (release, then engine tests under ASan/UBSan and TSan)
 # make bench : set up, build, and run the benchmarks
 
@@ -22,7 +22,8 @@ release: bootstrap build/release/build.ninja
 	$(CMAKE) --build --preset release -j $(JOBS)
 
 run: release
-	build/release/bench/engine_bench --benchmark_min_time=0.05
+	build/release/tools/vantrell-cli render --demo -o build/demo.wav
+	@echo "The demo song is in $(CURDIR)/build/demo.wav"
 
 test: test-release test-asan test-tsan
 

@@ -123,6 +123,8 @@ void setDebugSink(DebugSink newSink) {
     sink() = std::move(newSink);
 }
 
+bool isTerminal(int fd) { return ::isatty(fd) == 1; }
+
 int32_t processorCount() {
     return static_cast<int32_t>(processors().ids.size());
 }

@@ -29,6 +29,9 @@ void cpuPause();
 
 uint32_t currentThreadId();
 
+// Whether a file descriptor (0 input, 1 output, 2 error) is a terminal, so that a tool may draw progress.
+bool isTerminal(int fd);
+
 // Relative priorities as the engine names them: -2 lowest ... 2 highest, 15 time-critical.
 enum class ThreadPriority : int32_t {
     lowest = -2,

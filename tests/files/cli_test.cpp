@@ -1,0 +1,103 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "cli_path.h"
+
+namespace {
+
+std::string readText(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+class Cli : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir = std::filesystem::temp_directory_path() /
+              ("vantrell_cli_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+        std::filesystem::remove_all(dir);
+        std::filesystem::create_directories(dir);
+    }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+
+    // Runs the program with `args`; returns its exit status, as the shell saw it, and keeps what it wrote
+    // to standard error.
+    int cli(const std::string& args) {
+        const auto command = std::string("'") + cliPath + "' " + args + " > '" + (dir / "out.txt").string() + "' 2> '" +
+                             (dir / "err.txt").string() + "'; echo $? > '" + (dir / "status.txt").string() + "'";
+        EXPECT_EQ(std::system(command.c_str()), 0);
+        errors = readText(dir / "err.txt");
+        return std::stoi(readText(dir / "status.txt"));
+    }
+
+    std::string sox(const std::string& args) {
+        const int status = std::system(("sox " + args + " > '" + (dir / "sox.txt").string() + "' 2>&1").c_str());
+        const std::string text = readText(dir / "sox.txt");
+        EXPECT_EQ(status, 0) << text;
+        return text;
+    }
+
+    std::filesystem::path dir;
+    std::string errors;
+};
+
+TEST_F(Cli, TwoRendersAreBitIdenticalAndSoxReadsThem) {
+    const auto first = dir / "a.wav", second = dir / "b.wav";
+    ASSERT_EQ(cli("render --demo -o '" + first.string() + "' --rate 44100 --bits 24"), 0) << errors;
+    ASSERT_EQ(cli("render --demo -o '" + second.string() + "' --rate 44100 --bits 24"), 0) << errors;
+    const std::string a = readText(first), b = readText(second);
+    ASSERT_GT(a.size(), 44u);
+    EXPECT_TRUE(a == b) << "renders differ";
+    EXPECT_EQ(errors, "") << "no progress bar when standard error is a file";
+
+    EXPECT_EQ(sox("--i -r '" + first.string() + "'"), "44100\n");
+    EXPECT_EQ(sox("--i -c '" + first.string() + "'"), "2\n");
+    EXPECT_EQ(sox("--i -b '" + first.string() + "'"), "24\n");
+    EXPECT_GE(std::stod(sox("--i -D '" + first.string() + "'")), 30.0);
+    // `stat` reports the largest sample magnitude among its lines.
+    const std::string stat = sox("'" + first.string() + "' -n stat");
+    const auto at = stat.find("Maximum amplitude:");
+    ASSERT_NE(at, std::string::npos) << stat;
+    const double maximum = std::stod(stat.substr(at + 18));
+    EXPECT_GT(maximum, 0.05) << "not silent";
+    EXPECT_LE(maximum, 1.0);
+}
+
+TEST_F(Cli, BadOptionsFailWithAMessage) {
+    struct Row {
+        const char* args;
+        const char* message;
+    };
+    const Row rows[] = {
+        {"", "usage:"},
+        {"play", "unknown command 'play'"},
+        {"render -o x.wav", "only --demo"},
+        {"render --demo", "no output file"},
+        {"render --demo -o x.wav --bits 12", "--bits must be 16, 24 or 32f"},
+        {"render --demo -o x.wav --rate fast", "--rate wants a whole number"},
+        {"render --demo -o x.wav --rate 1000", "between 8000 and 192000"},
+        {"render --demo -o x.wav --loud", "unknown option '--loud'"},
+        {"render --demo -o", "-o wants a value"},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(cli(row.args), 2) << row.args;
+        EXPECT_NE(errors.find(row.message), std::string::npos) << row.args << "\n" << errors;
+    }
+    EXPECT_FALSE(std::filesystem::exists("x.wav"));
+}
+
+TEST_F(Cli, UnwritablePathFailsAndLeavesNothing) {
+    const auto target = dir / "no such folder" / "demo.wav";
+    EXPECT_EQ(cli("render --demo -o '" + target.string() + "'"), 1);
+    EXPECT_NE(errors.find("cannot create"), std::string::npos) << errors;
+    EXPECT_NE(errors.find(target.string()), std::string::npos) << errors;
+    EXPECT_FALSE(std::filesystem::exists(target.parent_path()));
+}
+
+}  // namespace

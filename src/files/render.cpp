@@ -47,6 +47,10 @@ RenderResult renderOffline(CQV& engine, RenderRange range, WavWriter& writer, co
     EngineState restore(engine);
     const double rate = writer.format().rate;
     engine.setSampleRate(rate);
+    // The delay compensation is worked out at the head of a cycle; one frame with the transport stopped
+    // brings it up to date for a graph that has not run yet, so the frames to drop are this graph's.
+    if (!engine.playing.load(std::memory_order_relaxed) && !engine.runCycle(1))
+        throw FileError("the engine is held by another job and cannot render");
     engine.setPosition(range.fromTick);
     engine.start();
     int64_t skip = engine.groupMaxLatency + engine.mainMaxLatency;

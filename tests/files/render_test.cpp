@@ -116,6 +116,32 @@ TEST_F(Render, ProgressRisesToOneAndCanCancel) {
     EXPECT_GE(cancelled.frames, 32768);
 }
 
+// A graph whose path to the output reports latency is rendered from the frame the song starts at, so the
+// file is the same as that of the graph without the latency.
+TEST_F(Render, FramesOfTheDelayCompensationAreDropped) {
+    const auto renderWith = [&](int32_t latency, const char* name) {
+        CQV engine(EngineOptions{false, 1});
+        engine.setSampleRate(48000.0);
+        auto* out = testgraph::add<CAudioOut>(engine);
+        auto* source = testgraph::add<testgraph::Source>(engine, 3);
+        auto* stage = testgraph::add<testgraph::Stage>(engine, 1.0f, latency);
+        testgraph::connectAudio(*source, *stage);
+        testgraph::connectAudio(*stage, *out);
+        engine.raise(change::latency);  // as an edit of the graph does; the render's first cycle sees it
+        WavWriter writer(dir / name, {48000, 2, SampleFormat::float32});
+        const auto result = files::renderOffline(engine, {0, 960}, writer);
+        writer.commit();
+        EXPECT_EQ(result.frames, 24000);
+        EXPECT_EQ(engine.mainMaxLatency, latency);
+        return readFloats(dir / name);
+    };
+    const auto plain = renderWith(0, "plain.wav");
+    const auto late = renderWith(300, "late.wav");
+    ASSERT_EQ(plain.size(), late.size());
+    EXPECT_NE(plain[2], 0.0f);
+    for (size_t i = 0; i < plain.size(); ++i) ASSERT_EQ(plain[i], late[i]) << i;
+}
+
 TEST_F(Render, NoAudioOutputIsAnError) {
     CQV engine(EngineOptions{false, 1});
     WavWriter writer(dir / "n.wav", {48000, 2, SampleFormat::int16});

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,8 @@ class Cli : public ::testing::Test {
 protected:
     void SetUp() override {
         dir = std::filesystem::temp_directory_path() /
-              ("vantrell_cli_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+              ("vantrell_cli_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + "_" +
+               std::to_string(std::random_device{}()));  // several builds may run the suite at once
         std::filesystem::remove_all(dir);
         std::filesystem::create_directories(dir);
     }

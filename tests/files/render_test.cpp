@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <vector>
 
 #include "demo_song.h"
@@ -21,7 +22,8 @@ class Render : public ::testing::Test {
 protected:
     void SetUp() override {
         dir = std::filesystem::temp_directory_path() /
-              ("vantrell_render_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+              ("vantrell_render_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + "_" +
+               std::to_string(std::random_device{}()));  // several builds may run the suite at once
         std::filesystem::remove_all(dir);
         std::filesystem::create_directories(dir);
     }

@@ -165,15 +165,6 @@ TEST(Latency, PathsOfDifferentLatencyMeetSampleExactlyAtTheOutput) {
     // One impulse at frame 5 goes through three paths of 0, 37 and 137 frames. A group channel whose
     // insert has 11 frames of latency makes every ordinary path wait 11 more. Compensated, all three
     // arrive on one frame; the block size must not matter.
-    class Impulse : public CComp {
-    public:
-        explicit Impulse(CQV* engine) : CComp(engine) {}
-        void createPorts() override { addOutputChannel(); }
-        void processBlock(int32_t n) override {
-            for (int32_t i = 0; i < n; ++i, ++at) firstOutputChannel()->left()[i] = at == 5 ? 1.0f : 0.0f;
-        }
-        int64_t at = 0;
-    };
     constexpr int64_t expectedArrival = 5 + 137 + 11;
     const float expectedSum = std::tanh(0.5f) + std::tanh(0.5f) + std::tanh(std::tanh(0.5f) * 0.5f);
     for (int32_t blockFrames : {16, 64, 1000}) {
@@ -200,14 +191,7 @@ TEST(Latency, PathsOfDifferentLatencyMeetSampleExactlyAtTheOutput) {
         connectAudio(*group, *out);
         engine.raise(change::latency);
 
-        std::vector<std::pair<int64_t, float>> nonZero;
-        int64_t frame = 0;
-        for (int cycle = 0; cycle < 400 / blockFrames + 2; ++cycle) {
-            engine.runCycle(blockFrames);
-            const float* left = out->firstOutputChannel()->left();
-            for (int32_t i = 0; i < blockFrames; ++i, ++frame)
-                if (left[i] != 0.0f) nonZero.emplace_back(frame, left[i]);
-        }
+        const auto nonZero = heardFrames(engine, *out, 400 + 2 * blockFrames, blockFrames);
         ASSERT_EQ(nonZero.size(), 1u) << "block " << blockFrames << ": the paths did not meet";
         EXPECT_EQ(nonZero[0].first, expectedArrival) << blockFrames;
         EXPECT_NEAR(nonZero[0].second, expectedSum, 1e-6f);

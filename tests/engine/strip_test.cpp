@@ -594,15 +594,6 @@ TEST(Latency, DirectPathsSendsAndGroupsMeetOnOneFrame) {
     // An impulse at frame 5 reaches the output straight, through 37 frames of latency, and through the
     // sends of both into a group whose insert adds 11 more.
     constexpr int64_t expectedArrival = 5 + 37 + 11;
-    class Impulse : public CComp {
-    public:
-        explicit Impulse(CQV* engine) : CComp(engine) {}
-        void createPorts() override { addOutputChannel(); }
-        void processBlock(int32_t n) override {
-            for (int32_t i = 0; i < n; ++i, ++at) firstOutputChannel()->left()[i] = at == 5 ? 1.0f : 0.0f;
-        }
-        int64_t at = 0;
-    };
     const float path = std::tanh(1.0f);
     const float grouped = std::tanh(path + 0.25f * path);
     const float expectedSum = path + path + grouped;
@@ -626,14 +617,7 @@ TEST(Latency, DirectPathsSendsAndGroupsMeetOnOneFrame) {
         slow->firstOutputChannel()->sends[0]->level = 0.5f;
         engine.raise(change::latency);
 
-        std::vector<std::pair<int64_t, float>> heard;
-        int64_t frame = 0;
-        for (int cycle = 0; cycle < 200 / block + 2; ++cycle) {
-            engine.runCycle(block);
-            const float* left = out->firstOutputChannel()->left();
-            for (int32_t i = 0; i < block; ++i, ++frame)
-                if (left[i] != 0.0f) heard.emplace_back(frame, left[i]);
-        }
+        const auto heard = heardFrames(engine, *out, 200 + 2 * block, block);
         ASSERT_EQ(heard.size(), 1u) << "block " << block << ": the paths did not meet";
         EXPECT_EQ(heard[0].first, expectedArrival) << block;
         EXPECT_NEAR(heard[0].second, expectedSum, 1e-6f) << block;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "engine/engine.h"
@@ -90,6 +91,18 @@ public:
     std::vector<CMIDIEvent> received;
 };
 
+// A single 1.0 on the left at frame 5 of the stream and silence elsewhere: what arrives where shows
+// each path's delay.
+class Impulse : public CComp {
+public:
+    explicit Impulse(CQV* engine) : CComp(engine) {}
+    void createPorts() override { addOutputChannel(); }
+    void processBlock(int32_t frames) override {
+        for (int32_t i = 0; i < frames; ++i, ++at) firstOutputChannel()->left()[i] = at == 5 ? 1.0f : 0.0f;
+    }
+    int64_t at = 0;
+};
+
 template <class T, class... Args>
 T* add(CQV& engine, Args&&... args) {
     auto* comp = new T(&engine, std::forward<Args>(args)...);
@@ -108,6 +121,19 @@ inline CMIDICable* connectMIDI(CComp& from, CComp& to) {
     CMIDICable* cable = makeMIDICable(&to, from.firstOutputPort(), to.firstInputPort());
     to.midiCablesIn.add(cable);
     return cable;
+}
+
+// Runs cycles covering at least `frames` and gives the (frame, value) of every non-zero left sample.
+inline std::vector<std::pair<int64_t, float>> heardFrames(CQV& engine, CAudioOut& out, int64_t frames,
+                                                          int32_t block) {
+    std::vector<std::pair<int64_t, float>> heard;
+    for (int64_t frame = 0; frame < frames;) {
+        engine.runCycle(block);
+        const float* left = out.firstOutputChannel()->left();
+        for (int32_t i = 0; i < block; ++i, ++frame)
+            if (left[i] != 0.0f) heard.emplace_back(frame, left[i]);
+    }
+    return heard;
 }
 
 inline std::vector<float> runAndCapture(CQV& engine, CAudioOut& out, int32_t cycles, int32_t frames) {

@@ -2,7 +2,7 @@
 
 #include "core/stream.h"
 #include "engine/fx.h"
-#include "sound/block_in.h"
+#include "core/block_in.h"
 
 void saveFXState(CStream& stream, const CFX& fx, int32_t words, int32_t zeroWords) {
     FXWords state;

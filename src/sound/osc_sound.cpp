@@ -5,7 +5,7 @@
 #include <numbers>
 
 #include "core/stream.h"
-#include "sound/block_in.h"
+#include "core/block_in.h"
 #include "sound/tables.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include "core/stream.h"
 #include "fx/reverb.h"
 #include "platform/platform.h"
-#include "sound/block_in.h"
+#include "core/block_in.h"
 #include "sound/fx_state.h"
 #include "sound/sampler.h"
 

@@ -6,7 +6,7 @@
 
 #include "core/stream.h"
 #include "engine/engine.h"
-#include "sound/block_in.h"
+#include "core/block_in.h"
 #include "sound/fx_state.h"
 #include "sound/osc_sound.h"
 #include "sound/program.h"

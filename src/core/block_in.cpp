@@ -1,4 +1,4 @@
-#include "sound/block_in.h"
+#include "core/block_in.h"
 
 #include <memory>
 

@@ -31,10 +31,86 @@ void CAudioOut::process(int32_t frames) {
     std::copy_n(in->right(), frames, out->right());
 }
 
+CMIDIIn::CMIDIIn(CQV* engine) : CComp(engine, compMIDIIn), guiQueue(std::make_unique<CMIDIQ>(this)) { name = "MIDI In"; }
+
 void CMIDIIn::createPorts() { addOutputPort(); }
 
-void CMIDIIn::process(int32_t /*frames*/) {
+namespace {
+
+constexpr uint32_t noteOnStatus = 0x90;
+
+bool isNoteOn(uint32_t midi) { return (midi & 0xF0) == noteOnStatus && ((midi >> 16) & 0x7F) > 0; }
+bool isNoteEnd(uint32_t midi) { return (midi & 0xF0) == 0x80 || ((midi & 0xF0) == noteOnStatus && ((midi >> 16) & 0x7F) == 0); }
+
+}  // namespace
+
+int32_t CMIDIIn::applySens(int32_t velocity) const {
+    const double s = sens * 0.01;
+    return 1 - static_cast<int32_t>(((velocity - 1) / 126.0 * s + (1.0 - s)) * -126.0);
+}
+
+void CMIDIIn::keyEvent(int32_t key, bool down) {
+    const auto note = [](int32_t k, uint32_t velocity) { return noteOnStatus | (static_cast<uint32_t>(k & 0x7F) << 8) | (velocity << 16); };
+    if (down && heldKey >= 0) guiQueue->appendEvent(0.0, note(heldKey, 0));
+    if (down) {
+        guiQueue->appendEvent(0.0, note(key, 100));
+        heldKey = key;
+    } else if (heldKey >= 0) {
+        guiQueue->appendEvent(0.0, note(heldKey, 0));
+        heldKey = -1;
+    }
+}
+
+void CMIDIIn::process(int32_t frames) {
     CycleGuardScope scope(processGuard);
+    if (!scope.entered()) return;
+    COutputPort* port = firstOutputPort();
+    if (!port) return;
+    const auto withSens = [this](uint32_t midi) {
+        if (!isNoteOn(midi) || sens >= 100) return midi;
+        const auto velocity = static_cast<uint32_t>(std::clamp(applySens(static_cast<int32_t>((midi >> 16) & 0x7F)), 1, 127));
+        return (midi & 0xFF00FFFFu) | (velocity << 16);
+    };
+    for (CMIDIEvent* e = port->first(); e; e = e->next)
+        if (e->type == EventType::midi) e->midi = withSens(e->midi);
+
+    const bool playing = engine->playing.load(std::memory_order_relaxed);
+    const double rate = engine->sampleRate;
+    const double bpm = engine->bpm.load(std::memory_order_relaxed);
+    for (const CMIDIEvent* e = guiQueue->first(); e; e = e->next) {
+        const uint32_t m = withSens(e->midi);
+        int32_t delay = 0;
+        auto at = static_cast<int32_t>(e->frame);
+        if (isNoteOn(m) && autoq != -1 && autoq != 0 && playing && engine->sequencer && position != 0.0) {
+            const int32_t grid = std::max(1, (960 / autoq) * 4);
+            const auto pos = static_cast<int32_t>(position);
+            const double back = pos - (pos % grid) - position;
+            at = delay = static_cast<int32_t>(rate * (back + grid) / (bpm * 16.0));
+        } else if (isNoteEnd(m)) {
+            for (int32_t i = 0; i < delayedCount; ++i) {
+                const uint32_t waiting = delayed[i].midi;
+                if (isNoteOn(waiting) && (waiting & 0x0F) == (m & 0x0F) && delayed[i].frame > at) {
+                    at = static_cast<int32_t>(rate * 120.0 / (bpm * 16.0)) + delayed[i].frame;
+                    break;
+                }
+            }
+        }
+        if (delayedCount < maxDelayed) delayed[delayedCount++] = {m, at, delay};
+    }
+    guiQueue->reset();
+
+    int32_t kept = 0;
+    for (int32_t i = 0; i < delayedCount; ++i) {
+        Delayed entry = delayed[i];
+        if (entry.frame < frames) {
+            port->addEvent(std::max(entry.frame, 0), entry.midi);
+            continue;
+        }
+        entry.frame -= frames;
+        delayed[kept++] = entry;
+    }
+    delayedCount = kept;
+    if (playing) position += bpm * (frames * 16.0) / rate;
 }
 
 void CMIDIOut::createPorts() { addInputPort(); }

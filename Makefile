@@ -1,6 +1,7 @@
 # make run   : set up, build, and render the demo song to build/demo.wav
 # make test  : set up, build, and run every test (release, then engine tests under ASan/UBSan and TSan)
 # make bench : set up, build, and run the benchmarks
+# make fuzz  : set up, build the fuzzers, and run each for FUZZ_SECONDS (default 60) from real files
 
 JOBS ?= $(shell nproc)
 CMAKE ?= cmake
@@ -8,7 +9,7 @@ CTEST ?= ctest
 SANITIZED_TARGETS = sanitized_tests
 SANITIZED_LABELS = engine|core|platform|seq|fx|sound|files
 
-.PHONY: all bootstrap release run test test-release test-asan test-tsan bench clang clean
+.PHONY: all bootstrap release run test test-release test-asan test-tsan bench fuzz clang clean
 
 all: release
 
@@ -46,6 +47,9 @@ test-tsan: bootstrap build/tsan/build.ninja
 
 bench: release
 	for b in build/release/bench/*_bench; do $$b || exit 1; done
+
+fuzz: bootstrap
+	JOBS=$(JOBS) FUZZ_SECONDS=$(or $(FUZZ_SECONDS),60) scripts/fuzz
 
 clang: bootstrap
 	$(CMAKE) --preset clang

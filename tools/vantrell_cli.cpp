@@ -1,6 +1,7 @@
 // vantrell-cli: the engine's jobs from a shell, with no window and no audio device.
 //
 //   vantrell-cli render --demo -o demo.wav [--rate N] [--bits 16|24|32f] [--mono]
+//   vantrell-cli play --demo [--driver jack|alsa|null] [--device NAME] [--seconds N]
 
 #include <chrono>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include "files/render.h"
 #include "files/wav.h"
 #include "platform/platform.h"
+#include "play.h"
 
 namespace {
 
@@ -125,6 +127,7 @@ int main(int argc, char** argv) {
             std::fputs(usage, args.empty() ? stderr : stdout);
             return args.empty() ? exitUsage : EXIT_SUCCESS;
         }
+        if (args[0] == "play") return play::run({args.begin() + 1, args.end()});
         if (args[0] != "render") throw UsageError{"unknown command '" + std::string(args[0]) + "'"};
         return render(parseRender({args.begin() + 1, args.end()}));
     } catch (const UsageError& error) {

@@ -132,9 +132,9 @@ void CAAM::tell(const char* title, const char* text) {
     else platform::debugLine((std::string(title) + ": " + text).c_str());
 }
 
-bool CAAM::startAudio(int32_t wantedDriver, int32_t device) {
+bool CAAM::startAudio(int32_t wantedDriver, int32_t device, bool tryNext) {
     setDriver(wantedDriver);
-    if (devices.count() == 0 && wantedDriver == platform::driverJack) {
+    if (devices.count() == 0 && wantedDriver == platform::driverJack && tryNext) {
         blockSize = 2048;
         setDriver(platform::driverAlsa);
     }

@@ -63,10 +63,10 @@ public:
     void setMIDIIn(int32_t index, int32_t openIt);
     void setMIDIOut(int32_t index, int32_t openIt);
 
-    // Start-up: the driver's device `device`, else the next driver (JACK, then ALSA); when none opens the
-    // user is told once and the null driver runs, so the program always has its cycle. True when a real
-    // device runs.
-    bool startAudio(int32_t wantedDriver, int32_t device);
+    // Start-up: the driver's device `device`; with `tryNext`, ALSA when JACK has no device. When none
+    // opens the user is told once and the null driver runs, so the program always has its cycle. True
+    // when a real device runs.
+    bool startAudio(int32_t wantedDriver, int32_t device, bool tryNext = true);
     // GUI thread, every tick: closes and opens again when asked to or when the driver lost its device;
     // a device that cannot be opened again gives way to the null driver.
     void guiTick();

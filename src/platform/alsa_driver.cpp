@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstdarg>
+#include <cstdio>
 #include <string>
 
 #include "platform/drivers.h"
@@ -19,6 +21,17 @@ namespace {
 constexpr int32_t alsaChannels = 2;
 constexpr unsigned int alsaPeriods = 2;
 
+// The library's complaints (an unknown device name, and the like) go to the debug output; the user
+// gets the message of the failed open instead.
+void reportLibraryError(const char* /*file*/, int /*line*/, const char* function, int /*error*/, const char* format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    debugLine((std::string("alsa: ") + function + ": " + text).c_str());
+}
+
 double secondsNow() {
     timespec t{};
     clock_gettime(CLOCK_MONOTONIC, &t);
@@ -27,6 +40,7 @@ double secondsNow() {
 
 class AlsaDriver final : public AudioDriver {
 public:
+    AlsaDriver() { snd_lib_error_set_handler(&reportLibraryError); }
     ~AlsaDriver() override { close(); }
 
     const char* name() const override { return driverName(driverAlsa); }

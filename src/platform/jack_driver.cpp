@@ -23,7 +23,18 @@ std::string serverName() {
     return name && *name ? name : "default";
 }
 
+// The library's own complaints (no server, and the like) go to the debug output, not to the terminal.
+void quietLibrary() {
+    static const bool done = [] {
+        jack_set_error_function([](const char* text) { debugLine((std::string("jack: ") + text).c_str()); });
+        jack_set_info_function([](const char* text) { debugLine((std::string("jack: ") + text).c_str()); });
+        return true;
+    }();
+    (void)done;
+}
+
 jack_client_t* openClient(std::string& error) {
+    quietLibrary();
     jack_status_t status{};
     jack_client_t* client = jack_client_open(clientName, JackNoStartServer, &status);
     if (!client) {

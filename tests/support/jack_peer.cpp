@@ -1,0 +1,171 @@
+#include "support/jack_peer.h"
+
+#include <jack/jack.h>
+#include <jack/midiport.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+extern char** environ;
+
+namespace jacktest {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+bool exited(pid_t pid, double seconds) {
+    const auto until = Clock::now() + std::chrono::duration<double>(seconds);
+    while (Clock::now() < until) {
+        int status = 0;
+        if (waitpid(pid, &status, WNOHANG) == pid) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+}  // namespace
+
+Server::Server(int32_t rate, int32_t period) {
+    // The library's complaints while the server is still coming up are expected; keep them quiet.
+    jack_set_error_function([](const char*) {});
+    jack_set_info_function([](const char*) {});
+    static std::atomic<int32_t> counter{0};
+    name_ = "vt" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+    setenv("JACK_DEFAULT_SERVER", name_.c_str(), 1);
+    setenv("JACK_NO_START_SERVER", "1", 1);
+    setenv("JACK_NO_AUDIO_RESERVATION", "1", 1);
+    const std::string rateText = std::to_string(rate), periodText = std::to_string(period);
+    std::vector<std::string> args = {"jackd", "--no-realtime", "-n", name_, "-S", "-t", "20000", "-d", "dummy",
+                                     "-r", rateText, "-p", periodText, "-C", "2", "-P", "2"};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    const int spawned = posix_spawnp(&pid_, "jackd", &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0) {
+        pid_ = -1;
+        return;
+    }
+    // Start-up on a loaded machine under sanitizers can take a while.
+    const auto until = Clock::now() + std::chrono::seconds(60);
+    while (Clock::now() < until) {
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            return;
+        }
+        jack_status_t jackStatus{};
+        if (jack_client_t* probe = jack_client_open("probe", JackNoStartServer, &jackStatus)) {
+            jack_client_close(probe);
+            ready_ = true;
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+}
+
+Server::~Server() { stop(); }
+
+void Server::stop() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    if (!exited(pid_, 15.0)) {
+        kill(pid_, SIGKILL);
+        exited(pid_, 15.0);
+    }
+    pid_ = -1;
+    ready_ = false;
+}
+
+Peer::Peer(const char* name, int32_t audioInputs, int64_t captureFrames) {
+    jack_status_t status{};
+    client_ = jack_client_open(name, JackNoStartServer, &status);
+    if (!client_) return;
+    for (int32_t i = 0; i < audioInputs; ++i) {
+        const std::string port = "in_" + std::to_string(i + 1);
+        inputs_.push_back(jack_port_register(client_, port.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsInput, 0));
+        capture_.emplace_back(static_cast<size_t>(captureFrames), 0.0f);
+    }
+    midiOut_ = jack_port_register(client_, "midi_out", JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
+    jack_set_process_callback(client_, &Peer::process, this);
+    if (jack_activate(client_) != 0) {
+        jack_client_close(client_);
+        client_ = nullptr;
+    }
+}
+
+Peer::~Peer() {
+    if (!client_) return;
+    jack_deactivate(client_);
+    jack_client_close(client_);
+}
+
+bool Peer::connect(const std::string& source, const std::string& destination) {
+    return client_ && jack_connect(client_, source.c_str(), destination.c_str()) == 0;
+}
+
+std::string Peer::portName(const char* shortName) const {
+    return std::string(jack_get_client_name(client_)) + ":" + shortName;
+}
+
+int32_t Peer::blockSize() const { return static_cast<int32_t>(jack_get_buffer_size(client_)); }
+
+void Peer::sendMidi(uint32_t message) {
+    sentAt_.store(-1, std::memory_order_release);
+    pending_.store(message, std::memory_order_release);
+}
+
+bool Peer::waitFrames(int64_t frames, double seconds) const {
+    const auto until = Clock::now() + std::chrono::duration<double>(seconds);
+    while (capturedFrames() < frames) {
+        if (Clock::now() > until) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+std::vector<float> Peer::captured(int32_t input) const {
+    const auto& all = capture_[static_cast<size_t>(input)];
+    return {all.begin(), all.begin() + std::min<int64_t>(capturedFrames(), static_cast<int64_t>(all.size()))};
+}
+
+int Peer::process(uint32_t frames, void* self) {
+    auto* peer = static_cast<Peer*>(self);
+    const auto now = static_cast<int64_t>(jack_last_frame_time(peer->client_));
+    void* midi = jack_port_get_buffer(peer->midiOut_, frames);
+    jack_midi_clear_buffer(midi);
+    if (const uint32_t message = peer->pending_.exchange(0, std::memory_order_acq_rel)) {
+        const jack_midi_data_t bytes[3] = {static_cast<jack_midi_data_t>(message & 0xFF),
+                                           static_cast<jack_midi_data_t>((message >> 8) & 0xFF),
+                                           static_cast<jack_midi_data_t>((message >> 16) & 0xFF)};
+        const size_t size = (message & 0xFF) >= 0xF8 ? 1 : 3;
+        jack_midi_event_write(midi, 0, bytes, size);
+        peer->sentAt_.store(now, std::memory_order_release);
+    }
+    if (peer->inputs_.empty()) return 0;
+    const int64_t at = peer->count_.load(std::memory_order_relaxed);
+    const auto room = static_cast<int64_t>(peer->capture_[0].size()) - at;
+    const int64_t n = std::min<int64_t>(frames, room);
+    if (n <= 0) return 0;
+    if (at == 0) peer->firstFrame_.store(now, std::memory_order_release);
+    for (size_t i = 0; i < peer->inputs_.size(); ++i) {
+        const auto* in = static_cast<const float*>(jack_port_get_buffer(peer->inputs_[i], frames));
+        std::copy_n(in, n, peer->capture_[i].begin() + at);
+    }
+    peer->count_.store(at + n, std::memory_order_release);
+    return 0;
+}
+
+}  // namespace jacktest

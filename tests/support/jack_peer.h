@@ -1,0 +1,73 @@
+#pragma once
+// A real JACK server for tests and a second client that talks to the program's ports: the dummy backend
+// under a name of this test's own, started and stopped by its process id (also when a test fails).
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct _jack_client;
+struct _jack_port;
+
+namespace jacktest {
+
+class Server {
+public:
+    // Starts `jackd` with the dummy backend at `rate` and `period` and makes it this process's default
+    // server (JACK_DEFAULT_SERVER). The server waits for its clients (sync mode, long time-out), so a slow
+    // sanitizer build sees every block in order rather than a dropped one.
+    Server(int32_t rate = 48000, int32_t period = 256);
+    ~Server();
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    bool ready() const { return ready_; }
+    const std::string& name() const { return name_; }
+    void stop();
+
+private:
+    std::string name_;
+    pid_t pid_ = -1;
+    bool ready_ = false;
+};
+
+// A client with `audioInputs` capture ports (in_1...) and one MIDI output port (midi_out).
+class Peer {
+public:
+    Peer(const char* name, int32_t audioInputs, int64_t captureFrames);
+    ~Peer();
+    Peer(const Peer&) = delete;
+    Peer& operator=(const Peer&) = delete;
+
+    bool ok() const { return client_ != nullptr; }
+    bool connect(const std::string& source, const std::string& destination);
+    std::string portName(const char* shortName) const;
+    // The message goes out at frame 0 of the next cycle.
+    void sendMidi(uint32_t message);
+    // The frame time of the cycle that sent the last message, -1 until it went out.
+    int64_t sentAt() const { return sentAt_.load(std::memory_order_acquire); }
+    // Waits until `frames` have been captured or `seconds` ran out.
+    bool waitFrames(int64_t frames, double seconds) const;
+    // Captured samples of one input and the frame time of the first of them.
+    std::vector<float> captured(int32_t input) const;
+    int64_t firstFrame() const { return firstFrame_.load(std::memory_order_acquire); }
+    int64_t capturedFrames() const { return count_.load(std::memory_order_acquire); }
+    int32_t blockSize() const;
+
+private:
+    static int process(uint32_t frames, void* self);
+
+    _jack_client* client_ = nullptr;
+    std::vector<_jack_port*> inputs_;
+    _jack_port* midiOut_ = nullptr;
+    std::vector<std::vector<float>> capture_;
+    std::atomic<int64_t> count_{0};
+    std::atomic<int64_t> firstFrame_{-1};
+    std::atomic<uint32_t> pending_{0};
+    std::atomic<int64_t> sentAt_{-1};
+};
+
+}  // namespace jacktest

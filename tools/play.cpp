@@ -1,0 +1,142 @@
+#include "play.h"
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "demo_song.h"
+#include "engine/aam.h"
+#include "engine/device_cycle.h"
+#include "engine/io.h"
+#include "sound/sampler.h"
+
+namespace play {
+
+namespace {
+
+constexpr int exitUsage = 2;
+constexpr double demoRate = 48000.0;
+constexpr int32_t defaultBlock = 256;
+
+const char* const usage =
+    "usage: vantrell-cli play --demo [--driver jack|alsa|null] [--device NAME] [--seconds N]\n"
+    "  --demo        play the built-in demo song\n"
+    "  --driver D    jack (default, ALSA when no JACK server runs), alsa or null\n"
+    "  --device NAME the ALSA device, for example default, null or hw:0\n"
+    "  --seconds N   stop after N seconds (default: at the end of the song)\n";
+
+struct Options {
+    bool demo = false;
+    int32_t driver = platform::driverJack;
+    bool driverGiven = false;
+    std::string device;
+    double seconds = 0.0;
+};
+
+std::atomic<bool> interrupted{false};
+
+extern "C" void onInterrupt(int) { interrupted.store(true); }
+
+bool parse(const std::vector<std::string_view>& args, Options& options, std::string& error) {
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string_view arg = args[i];
+        const bool hasValue = i + 1 < args.size();
+        if (arg == "--demo") {
+            options.demo = true;
+        } else if (arg == "--driver" && hasValue) {
+            const std::string_view name = args[++i];
+            options.driverGiven = true;
+            if (name == "jack") options.driver = platform::driverJack;
+            else if (name == "alsa") options.driver = platform::driverAlsa;
+            else if (name == "null") options.driver = platform::driverNull;
+            else return error = "--driver must be jack, alsa or null, not '" + std::string(name) + "'", false;
+        } else if (arg == "--device" && hasValue) {
+            options.device = args[++i];
+        } else if (arg == "--seconds" && hasValue) {
+            const std::string text(args[++i]);
+            char* end = nullptr;
+            options.seconds = std::strtod(text.c_str(), &end);
+            if (end == text.c_str() || *end || !(options.seconds > 0.0))
+                return error = "--seconds wants a number above 0, not '" + text + "'", false;
+        } else if (arg == "--driver" || arg == "--device" || arg == "--seconds") {
+            return error = std::string(arg) + " wants a value", false;
+        } else {
+            // Songs from files (MIDI files, projects) are opened here once their loaders exist.
+            return error = "unknown option '" + std::string(arg) + "'", false;
+        }
+    }
+    if (!options.demo) return error = "nothing to play: give --demo", false;
+    return true;
+}
+
+}  // namespace
+
+CComp* addLiveInput(CQV& engine) {
+    for (CComp* comp : engine.comps)
+        if (comp->subKind == compMIDIIn) return comp;
+    CSampler* instrument = nullptr;
+    for (CComp* comp : engine.comps)
+        if (!instrument) instrument = dynamic_cast<CSampler*>(comp);
+    auto* input = new CMIDIIn(&engine);
+    input->createPorts();
+    engine.addComp(input);
+    if (instrument)
+        instrument->midiCablesIn.add(makeMIDICable(instrument, input->firstOutputPort(), instrument->firstInputPort()));
+    return input;
+}
+
+int run(const std::vector<std::string_view>& args) {
+    Options options;
+    std::string error;
+    if (!parse(args, options, error)) {
+        std::fprintf(stderr, "vantrell-cli: %s\n%s", error.c_str(), usage);
+        return exitUsage;
+    }
+    auto song = std::make_unique<demo::DemoSong>(demoRate);
+    CQV& engine = song->engine;
+    addLiveInput(engine);
+
+    CAAM aam(engineCallback(engine), options.driver);
+    attachEngine(aam, engine);
+    aam.showMessage = [](const char* title, const char* text) { std::fprintf(stderr, "vantrell-cli: %s: %s\n", title, text); };
+    aam.inputEnabled[0] = aam.inputEnabled[1] = 1;
+    aam.outputEnabled[0] = aam.outputEnabled[1] = 1;
+    aam.blockSize = defaultBlock;
+    aam.sampleRate = static_cast<float>(demoRate);
+    aam.deviceName = options.device.c_str();
+    if (!aam.startAudio(options.driver, 0, !options.driverGiven))
+        std::fprintf(stderr, "vantrell-cli: playing without sound through the null driver\n");
+    for (int32_t i = 0; i < aam.midiInDevices.count(); ++i) aam.setMIDIIn(i, 1);
+    aam.setMIDIOut(0, 1);
+    const CAudioDevice* device = aam.devices.getAt(aam.deviceIndex);
+    std::printf("playing the demo song through %s, %s: %.0f Hz, %d frames a block\n", platform::driverName(aam.driver),
+                device ? device->name.c_str() : "no device", static_cast<double>(aam.sampleRate), aam.blockSize);
+    std::fflush(stdout);
+
+    std::signal(SIGINT, onInterrupt);
+    std::signal(SIGTERM, onInterrupt);
+    engine.setPosition(0.0);
+    engine.start();
+    const auto started = std::chrono::steady_clock::now();
+    const auto elapsed = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(); };
+    while (!interrupted.load()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(40));
+        aam.guiTick();
+        engine.guiTick();
+        if (options.seconds > 0.0 && elapsed() >= options.seconds) break;
+        if (engine.sequencer && engine.sequencer->getPosition() >= song->lengthTicks()) break;
+    }
+    engine.stop();
+    aam.closeDevice();
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+    std::printf("played %.1f s, %lld xruns\n", elapsed(), static_cast<long long>(aam.xruns()));
+    return EXIT_SUCCESS;
+}
+
+}  // namespace play

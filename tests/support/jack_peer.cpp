@@ -33,7 +33,7 @@ bool exited(pid_t pid, double seconds) {
 
 }  // namespace
 
-Server::Server(int32_t rate, int32_t period) {
+Server::Server(int32_t rate, int32_t period, bool live) {
     // The library's complaints while the server is still coming up are expected; keep them quiet.
     jack_set_error_function([](const char*) {});
     jack_set_info_function([](const char*) {});
@@ -43,8 +43,10 @@ Server::Server(int32_t rate, int32_t period) {
     setenv("JACK_NO_START_SERVER", "1", 1);
     setenv("JACK_NO_AUDIO_RESERVATION", "1", 1);
     const std::string rateText = std::to_string(rate), periodText = std::to_string(period);
-    std::vector<std::string> args = {"jackd", "--no-realtime", "-n", name_, "-S", "-t", "20000", "-d", "dummy",
-                                     "-r", rateText, "-p", periodText, "-C", "2", "-P", "2"};
+    std::vector<std::string> args = {"jackd", "-n", name_};
+    if (live) args.insert(args.end(), {"--realtime"});
+    else args.insert(args.end(), {"--no-realtime", "-S", "-t", "20000"});
+    args.insert(args.end(), {"-d", "dummy", "-r", rateText, "-p", periodText, "-C", "2", "-P", "2"});
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);

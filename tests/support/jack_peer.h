@@ -17,9 +17,10 @@ namespace jacktest {
 class Server {
 public:
     // Starts `jackd` with the dummy backend at `rate` and `period` and makes it this process's default
-    // server (JACK_DEFAULT_SERVER). The server waits for its clients (sync mode, long time-out), so a slow
-    // sanitizer build sees every block in order rather than a dropped one.
-    Server(int32_t rate = 48000, int32_t period = 256);
+    // server (JACK_DEFAULT_SERVER). For tests the server waits for its clients (sync mode, long time-out),
+    // so that a slow sanitizer build sees every block in order rather than a dropped one; `live` runs it
+    // as a user would, in real time, where a late client is an xrun.
+    Server(int32_t rate = 48000, int32_t period = 256, bool live = false);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;

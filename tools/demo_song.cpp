@@ -23,20 +23,15 @@ constexpr std::array<int32_t, 4> roots = {45, 41, 48, 43};
 constexpr std::array<std::array<int32_t, 3>, 4> chords = {{{57, 60, 64}, {57, 60, 65}, {55, 60, 64}, {55, 59, 62}}};
 constexpr std::array<int32_t, 7> scale = {69, 71, 72, 74, 76, 77, 79};
 
-struct Envelope {
-    float attack, decay, sustain, release;  // times as shares of the envelope's 5 s scale
-};
+// Factory programs of the sampler, by index.
+constexpr int32_t deepBass = 2;
+constexpr int32_t pads = 3;
+constexpr int32_t leadOn = 15;
+constexpr int32_t noiser = 22;
 
-struct Voice {
-    float feedback, detune, width, cutoff, q, volume;
-    Envelope amp;
-};
-
-// What each track sounds like, from the default oscillator sound.
-constexpr Voice bassVoice{0.55f, 0.0f, 0.0f, 0.35f, 0.3f, 0.9f, {0.001f, 0.05f, 0.5f, 0.02f}};
-constexpr Voice padVoice{0.2f, 0.5f, 0.9f, 0.6f, 0.1f, 0.45f, {0.08f, 0.2f, 0.8f, 0.25f}};
-constexpr Voice leadVoice{0.8f, 0.15f, 0.4f, 0.8f, 0.2f, 0.5f, {0.002f, 0.08f, 0.6f, 0.06f}};
-constexpr Voice percussionVoice{1.0f, 0.0f, 0.0f, 1.0f, 0.0f, 0.8f, {0.0f, 0.012f, 0.0f, 0.01f}};
+COSCSound& soundOf(CSampler& sampler) {
+    return *static_cast<COSCSound*>(sampler.currentProgram()->layers.getAt(0)->sounds.getAt(0));
+}
 
 class Builder {
 public:
@@ -48,10 +43,12 @@ public:
     }
 
     // A track with its own sampler, cabled straight to the output or through `effect` first.
-    CSongTrack& track(const Voice& voice, CComp* effect = nullptr) {
+    CSongTrack& track(int32_t program, float volume, CComp* effect = nullptr) {
         CTrack* track = addTrack(*seq_, trackInstrument, nullptr, -1);
         auto* sampler = add(new CSampler(&engine_));
-        shape(*sampler, voice);
+        sampler->setProgram(program);
+        soundOf(*sampler).volume = volume;
+        lastSampler_ = sampler;
         sampler->midiCablesIn.add(makeMIDICable(sampler, track->firstOutputPort(), sampler->firstInputPort()));
         if (effect) {
             connect(*sampler, *effect);
@@ -75,6 +72,8 @@ public:
         return effect;
     }
 
+    COSCSound& lastSound() const { return soundOf(*lastSampler_); }
+
     void tempo(int32_t tick, float bpm) {
         auto* part = new CTempoPart();
         part->start = tick;
@@ -94,24 +93,9 @@ private:
         to.audioCablesIn.add(makeAudioCable(&to, from.firstOutputChannel(), to.firstInputChannel()));
     }
 
-    static void shape(CSampler& sampler, const Voice& voice) {
-        CSynthProg& prog = *sampler.currentProgram();
-        auto& sound = *static_cast<COSCSound*>(prog.layers.getAt(0)->sounds.getAt(0));
-        sound.feed1 = voice.feedback;
-        sound.detune = voice.detune;
-        sound.width = voice.width;
-        sound.cutoff = voice.cutoff;
-        sound.q = voice.q;
-        sound.volume = voice.volume;
-        CEnv& amp = sound.envelope[0];
-        amp.attack = voice.amp.attack;
-        amp.decay = voice.amp.decay;
-        amp.sustain = voice.amp.sustain;
-        amp.releaseTime = voice.amp.release;
-    }
-
     CQV& engine_;
     CSeq* seq_;
+    CSampler* lastSampler_ = nullptr;
     CAudioOut* out_;
 };
 
@@ -139,10 +123,14 @@ DemoSong::DemoSong(double sampleRate) : engine(EngineOptions{false, 1}) {
     engine.setLoop(false);
 
     Builder song(engine);
-    CSongTrack& bass = song.track(bassVoice);
-    CSongTrack& pad = song.track(padVoice, song.reverb(0.35f));
-    CSongTrack& lead = song.track(leadVoice);
-    CSongTrack& percussion = song.track(percussionVoice);
+    CSongTrack& bass = song.track(deepBass, 0.9f);
+    CSongTrack& pad = song.track(pads, 0.4f, song.reverb(0.25f));
+    CSongTrack& lead = song.track(leadOn, 0.45f);
+    CSongTrack& percussion = song.track(noiser, 0.5f);
+    // Short hits: the noise decays to nothing within a sixteenth.
+    song.lastSound().envelope[0].decay = 0.012f;
+    song.lastSound().envelope[0].sustain = 0.0f;
+    song.lastSound().envelope[0].releaseTime = 0.01f;
     song.tempo(0, 100.0f);
     song.tempo(slowBars * bar, 124.0f);
 

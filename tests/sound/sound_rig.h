@@ -41,6 +41,9 @@ public:
         out = testgraph::add<CAudioOut>(engine);
         in = testgraph::add<CMIDIIn>(engine);
         sampler = testgraph::add<CSampler>(engine);
+        // The tests shape their sounds from the default program rather than from a factory one.
+        sampler->programs.deleteAll();
+        sampler->programs.add(sampler->makeDefaultProgram());
         testgraph::connectMIDI(*in, *sampler);
         testgraph::connectAudio(*sampler, *out);
     }

@@ -12,7 +12,6 @@
 #include "fx/time_effects.h"
 #include "platform/platform.h"
 #include "sound/osc_sound.h"
-#include "sound/wav_sound.h"
 
 namespace {
 
@@ -58,7 +57,6 @@ CSampler::CSampler(CQV* engine)
 CSampler::~CSampler() {
     // Programs go before the delay memory they borrow.
     programs.deleteAll();
-    samplePool.deleteAll();
     mixParams.deleteAll();
 }
 
@@ -99,7 +97,6 @@ CSynthProg* CSampler::makeDefaultProgram() const {
 }
 
 void CSampler::prepareSound(CSound& sound) const {
-    if (sound.subKind == soundSampled) static_cast<CWavSound&>(sound).pool = &samplePool;
     sound.setBlockSize(blockFrames);
     sound.setSampleRate(engine ? engine->sampleRate : 44100.0f);
 }
@@ -255,7 +252,7 @@ void CSampler::noteOff(int32_t key) {
 void CSampler::startNote(CSound& sound, const CMIDIEvent& event) {
     const int32_t key = event.data1();
     const int32_t velocity = event.data2();
-    if (!sound.canPlay() || sound.mute || key < sound.keyLow || key > sound.keyHigh || velocity < sound.velLow || velocity > sound.velHigh)
+    if (sound.mute || key < sound.keyLow || key > sound.keyHigh || velocity < sound.velLow || velocity > sound.velHigh)
         return;
     SamplerVoice* voice = allocate(sound, event, sound.group);
     if (!voice) return;

@@ -21,7 +21,6 @@
 #include "fx/mixer.h"
 #include "sound/event_queue.h"
 #include "sound/program.h"
-#include "sound/sample.h"
 #include "sound/sound_random.h"
 #include "sound/voice.h"
 
@@ -119,7 +118,6 @@ public:
     float paramValues[paramCount] = {};
     uint8_t options[optionBytes] = {};  // byte 0: the editor's page; the others are kept as they are
     CSoundRandom random;
-    TList<CSampleClip> samplePool;  // owned: the clips every sampled sound of this sampler points at
     TList<CMixerParam> mixParams;  // owned: parameters 0 to 7 on the mixer strip
 
 private:
@@ -135,9 +133,6 @@ private:
     void stopLostVoices();
     void repairSelections();
     void prepareSound(CSound& sound) const;
-    // Counts the sounds that use each clip and deletes the clips nobody uses.
-    void rebuildUseCounts();
-    void loadClip(BlockIn& in);
     void saveState(CStream& stream) const;
     void reportDamage(const CString& tag, uint32_t size) const;
 };

@@ -29,7 +29,7 @@ inline void playSample(CSample& sample) {
                                     scratch.data(), 4096, reverse, 0, sample.frames);
         }
     }
-    sample.storedBytes();
+    if (int64_t{sample.frames} * sample.bytesPerFrame <= (1 << 20)) sample.storedBytes();
 }
 
 inline int fuzzAudioFile(const uint8_t* bytes, size_t size, const char* form, const char* type) {

@@ -450,8 +450,14 @@ void CSample::buildPeaks() {
     const auto toByte = [](float x) {
         return static_cast<uint8_t>(std::lround(std::clamp(x, -1.0f, 1.0f) * 127.0f) + 127);
     };
+    // Frames a damaged file declares but doesn't hold are silence; they needn't be read one by one.
+    const int64_t held = streamed ? frames : std::min<int64_t>(frames, dataBytes / std::max(bytesPerFrame, 1) + 1);
     for (int64_t g = 0; g < groups; ++g) {
         const int64_t first = g * peakGroup;
+        if (first > held) {
+            peaks.resize(peaks.size() + static_cast<size_t>(2 * channels), 127);
+            continue;
+        }
         const auto n = static_cast<int32_t>(std::min<int64_t>(peakGroup, frames - first));
         // readFrames puts the frame before `first` in front.
         readFrames(row.data(), static_cast<int32_t>(row.size()), first, n, 1.0f);

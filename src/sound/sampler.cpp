@@ -12,6 +12,7 @@
 #include "fx/time_effects.h"
 #include "platform/platform.h"
 #include "sound/osc_sound.h"
+#include "sound/wav_sound.h"
 
 namespace {
 
@@ -57,6 +58,7 @@ CSampler::CSampler(CQV* engine)
 CSampler::~CSampler() {
     // Programs go before the delay memory they borrow.
     programs.deleteAll();
+    samplePool.deleteAll();
     mixParams.deleteAll();
 }
 
@@ -67,10 +69,7 @@ void CSampler::createBasePorts() {
 
 void CSampler::createPorts() {
     createBasePorts();
-    if (!programs.empty()) return;
-    const int32_t count = factoryProgram(nullptr, -1, nullptr, false);
-    for (int32_t index = 0; index < count; ++index) factoryProgram(nullptr, index, nullptr, true);
-    program = 0;
+    if (programs.empty()) programs.add(makeDefaultProgram());
 }
 
 CSynthProg* CSampler::currentProgram() const { return static_cast<CSynthProg*>(programs.getAt(program)); }
@@ -97,6 +96,7 @@ CSynthProg* CSampler::makeDefaultProgram() const {
 }
 
 void CSampler::prepareSound(CSound& sound) const {
+    if (sound.subKind == soundSampled) static_cast<CWavSound&>(sound).pool = &samplePool;
     sound.setBlockSize(blockFrames);
     sound.setSampleRate(engine ? engine->sampleRate : 44100.0f);
 }
@@ -252,7 +252,7 @@ void CSampler::noteOff(int32_t key) {
 void CSampler::startNote(CSound& sound, const CMIDIEvent& event) {
     const int32_t key = event.data1();
     const int32_t velocity = event.data2();
-    if (sound.mute || key < sound.keyLow || key > sound.keyHigh || velocity < sound.velLow || velocity > sound.velHigh)
+    if (!sound.canPlay() || sound.mute || key < sound.keyLow || key > sound.keyHigh || velocity < sound.velLow || velocity > sound.velHigh)
         return;
     SamplerVoice* voice = allocate(sound, event, sound.group);
     if (!voice) return;

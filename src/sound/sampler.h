@@ -21,6 +21,7 @@
 #include "fx/mixer.h"
 #include "sound/event_queue.h"
 #include "sound/program.h"
+#include "sound/sample.h"
 #include "sound/sound_random.h"
 #include "sound/voice.h"
 
@@ -51,7 +52,7 @@ public:
     explicit CSampler(CQV* engine);
     ~CSampler() override;
 
-    // A new sampler: the base ports and every factory program, the first one current.
+    // A new sampler: the base ports and the default program.
     void createPorts() override;
     // One input port and one stereo output channel.
     void createBasePorts() override;
@@ -90,10 +91,6 @@ public:
     CSynthProg* makeProgram() const;
     // The default program: one layer with one oscillator sound.
     CSynthProg* makeDefaultProgram() const;
-    // The factory table. Index -1: the number of entries. Otherwise the entry's name goes to `name` and,
-    // with `create`, its program joins the list, through the step when one is given, else at once. An
-    // index beyond the table does nothing.
-    int32_t factoryProgram(CUndo* step, int32_t index, CString* name, bool create);
     // "Add program": the default program joins the list, through the step when one is given (applying
     // it makes the new program current), else at once. False at 256 programs.
     bool addDefaultProgram(CUndo* step);
@@ -118,6 +115,7 @@ public:
     float paramValues[paramCount] = {};
     uint8_t options[optionBytes] = {};  // byte 0: the editor's page; the others are kept as they are
     CSoundRandom random;
+    TList<CSampleClip> samplePool;  // owned: the clips every sampled sound of this sampler points at
     TList<CMixerParam> mixParams;  // owned: parameters 0 to 7 on the mixer strip
 
 private:
@@ -133,6 +131,9 @@ private:
     void stopLostVoices();
     void repairSelections();
     void prepareSound(CSound& sound) const;
+    // Counts the sounds that use each clip and deletes the clips nobody uses.
+    void rebuildUseCounts();
+    void loadClip(BlockIn& in);
     void saveState(CStream& stream) const;
     void reportDamage(const CString& tag, uint32_t size) const;
 };

@@ -1,7 +1,9 @@
 // The sampler's block stream: save, load, and copy through both.
 
 #include <atomic>
+#include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "core/stream.h"
 #include "fx/reverb.h"
@@ -9,6 +11,7 @@
 #include "core/block_in.h"
 #include "sound/fx_state.h"
 #include "sound/sampler.h"
+#include "sound/wav_sound.h"
 
 namespace {
 
@@ -36,6 +39,20 @@ void CSampler::save(CStream& stream) { saveState(stream); }
 void CSampler::saveState(CStream& stream) const {
     writeBlockHeader(stream, "filetype", 4);
     stream.writeU32(fileTypeSampler);
+    for (CSampleClip* clip : samplePool) {
+        const int32_t block = beginBlock(stream, "smp");
+        stream.writeU32(0);
+        stream.writeU32(0);
+        writeString(stream, clip->path);
+        // A clip that did not load is stored empty, so that the block's data matches its fields.
+        const int32_t frames = clip->valid ? clip->frames : 0;
+        for (int32_t value : {frames, clip->bits, clip->channels, static_cast<int32_t>(std::lround(clip->sampleRate)),
+                              clip->start, clip->end, 0, 0, 0, 0, 0, 0})
+            stream.writeI32(value);
+        const std::vector<uint8_t> bytes = clip->storedBytes();
+        if (frames > 0) stream.write(bytes.data(), static_cast<int32_t>(bytes.size()));
+        stream.closeBlock(block);
+    }
     writeI32Block(stream, "mch", mch);
     writeI32Block(stream, "progi", program);
     for (const CObject* object : programs) {
@@ -66,6 +83,7 @@ void CSampler::saveState(CStream& stream) const {
 void CSampler::load(CStream& stream, int32_t end) {
     stopAllVoices();
     programs.deleteAll();
+    samplePool.deleteAll();
     CSynthProg* prog = nullptr;
     CLayer* layer = nullptr;
     CSound* sound = nullptr;
@@ -75,7 +93,9 @@ void CSampler::load(CStream& stream, int32_t end) {
         // A size that reads as negative ends the load.
         if (static_cast<int32_t>(blocks.size()) < 0) break;
         BlockIn in(stream, blocks.blockEnd());
-        if (blocks.is("filetype")) {
+        if (blocks.is("smp")) {
+            loadClip(in);
+        } else if (blocks.is("filetype")) {
             uint32_t type = 0;
             in.u32(type);
         } else if (blocks.is("mch")) {
@@ -128,9 +148,51 @@ void CSampler::load(CStream& stream, int32_t end) {
         // passed over by its size.
         blocks.skip();
     }
+    rebuildUseCounts();
     // A sampler always has a program to play.
     if (programs.empty()) programs.add(makeDefaultProgram());
     raise(samplerRedraw);
+}
+
+void CSampler::loadClip(BlockIn& in) {
+    auto* clip = new CSampleClip();
+    samplePool.add(clip);
+    int32_t frames = 0, bits = 0, channels = 0, rate = 0;
+    if (!in.skip(8) || !in.string(clip->path) || !in.i32(frames) || !in.i32(bits) || !in.i32(channels) ||
+        !in.i32(rate) || !in.i32(clip->start) || !in.i32(clip->end) || !in.skip(24))
+        return;
+    clip->bits = bits;
+    clip->channels = channels;
+    clip->sampleRate = static_cast<float>(rate);
+    if ((bits != 16 && bits != 24 && bits != 32) || (channels != 1 && channels != 2) || rate <= 0 || frames < 0) return;
+    const int64_t bytes = int64_t{frames} * (bits / 8 * channels);
+    // The block must hold the data it declares: a larger count is damage, never a reason to allocate.
+    if (bytes > in.left()) {
+        in.skip(in.left() + 1);  // fails, which marks the block as damaged
+        return;
+    }
+    auto data = std::make_unique<uint8_t[]>(static_cast<size_t>(std::max<int64_t>(bytes, 1)));
+    if (!in.bytes(data.get(), static_cast<int32_t>(bytes))) return;
+    clip->frames = frames;
+    clip->adopt(std::move(data), bytes);
+}
+
+void CSampler::rebuildUseCounts() {
+    for (CSampleClip* clip : samplePool) clip->useCount = 0;
+    for (CObject* object : programs)
+        for (CLayer* layer : static_cast<CSynthProg*>(object)->layers)
+            for (CSound* sound : layer->sounds) {
+                if (sound->subKind != soundSampled) continue;
+                auto* wav = static_cast<CWavSound*>(sound);
+                for (int32_t z = 0; z < wav->zones; ++z)
+                    if (wav->sample[z]) ++wav->sample[z]->useCount;
+            }
+    for (int32_t i = samplePool.count() - 1; i >= 0; --i) {
+        CSampleClip* clip = samplePool.getAt(i);
+        if (clip->useCount > 0) continue;
+        samplePool.remove(clip);
+        delete clip;
+    }
 }
 
 void CSampler::reportDamage(const CString& tag, uint32_t size) const {

@@ -12,6 +12,7 @@
 #include "sound/program.h"
 #include "sound/sound_random.h"
 #include "sound/tables.h"
+#include "sound/wav_sound.h"
 
 namespace {
 
@@ -391,5 +392,6 @@ void CSound::loadEffects(BlockIn& in) {
 
 CSound* createSound(int32_t subKind) {
     if (subKind == soundOscillator) return new COSCSound();
+    if (subKind == soundSampled) return new CWavSound();
     return nullptr;
 }

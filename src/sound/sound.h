@@ -51,6 +51,8 @@ public:
     virtual void startModulators(SamplerVoice& voice);
     // The kind's own start fields of a voice, set when the voice is allocated.
     virtual void startVoice(SamplerVoice& /*voice*/) {}
+    // Whether the sound can take a note now.
+    virtual bool canPlay() const { return true; }
     // Writes a controller or parameter value (0..1) into the base field of a modulation target, so that
     // it lasts. Targets 0 and 1 have no base field.
     virtual void setTargetBase(int32_t target, float v);

@@ -455,10 +455,10 @@ TEST(SamplerFile, ASoundOfAKindWithoutAClassTakesNoBlocksOfTheSoundBefore) {
     const std::vector<uint8_t> good = saved(*rig.sampler);
     Writer w;
     w.stream.write(good.data(), static_cast<int32_t>(good.size()));
-    // A sampled sound (kind 1) behind the oscillator sound, with modulation blocks of its own.
-    Bytes sampled;
-    sampled.u8(soundSampled).str("drum").zeros(200);
-    w.block("sound", sampled.data);
+    // A sound of a kind nothing here makes (9) behind the oscillator sound, with modulation blocks of its own.
+    Bytes unknown;
+    unknown.u8(9).str("drum").zeros(200);
+    w.block("sound", unknown.data);
     w.block("soundmod", std::vector<uint8_t>(840, 0xFF));
     w.stream.seek(0, seekFromStart);
     rig.sampler->load(w.stream, w.stream.getSize());

@@ -1,0 +1,43 @@
+#pragma once
+// CWavSound: a sample clip played at the pitch of the key, through the filter, envelopes and LFOs the
+// oscillator sound also has. Only the first zone plays; the others are kept so that a file brings them
+// back.
+//
+// A voice reads the clip in control chunks through the 4-point interpolation into the sampler's read
+// buffers and filters from there. A chunk that would pass the clip's end is cut there: the voice then
+// jumps to the loop start, or ends at once with no closing interval. Nothing in process allocates; an
+// in-memory clip is read without a lock.
+
+#include <cstdint>
+
+#include "core/list.h"
+#include "sound/sample.h"
+#include "sound/sound.h"
+
+class CWavSound : public CSound {
+public:
+    static constexpr int32_t maxZones = 127;
+
+    CWavSound();
+
+    void process(float* outL, float* outR, SamplerVoice& voice, int32_t frames) override;
+    // The clip's range and rate at the voice's start.
+    void startVoice(SamplerVoice& voice) override;
+    // A sampled sound takes notes only once its first clip has loaded.
+    bool canPlay() const override;
+    // Zone 0 plays this clip; the sound takes the clip's file name.
+    void setSample(CSampleClip* clip);
+
+    int32_t zones = 0;
+    CSampleClip* sample[maxZones] = {};  // not owned: clips of the sampler's pool
+    const TList<CSampleClip>* pool = nullptr;  // the sampler's pool, for the clip indices in files
+    Meter holdL{0.0f}, holdR{0.0f};  // the editor's clip indicator
+
+protected:
+    void saveKind(CStream& stream) const override;
+    void loadKind(BlockIn& in) override;
+
+private:
+    void renderChunk(float* outL, float* outR, SamplerVoice& voice, int32_t chunk, float slew, float& peakLeft,
+                     float& peakRight) const;
+};

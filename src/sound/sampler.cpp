@@ -69,7 +69,10 @@ void CSampler::createBasePorts() {
 
 void CSampler::createPorts() {
     createBasePorts();
-    if (programs.empty()) programs.add(makeDefaultProgram());
+    if (!programs.empty()) return;
+    const int32_t count = factoryProgram(nullptr, -1, nullptr, false);
+    for (int32_t index = 0; index < count; ++index) factoryProgram(nullptr, index, nullptr, true);
+    program = 0;
 }
 
 CSynthProg* CSampler::currentProgram() const { return static_cast<CSynthProg*>(programs.getAt(program)); }

@@ -52,7 +52,7 @@ public:
     explicit CSampler(CQV* engine);
     ~CSampler() override;
 
-    // A new sampler: the base ports and the default program.
+    // A new sampler: the base ports and every factory program, the first one current.
     void createPorts() override;
     // One input port and one stereo output channel.
     void createBasePorts() override;
@@ -91,6 +91,10 @@ public:
     CSynthProg* makeProgram() const;
     // The default program: one layer with one oscillator sound.
     CSynthProg* makeDefaultProgram() const;
+    // The factory table. Index -1: the number of entries. Otherwise the entry's name goes to `name` and,
+    // with `create`, its program joins the list, through the step when one is given, else at once. An
+    // index beyond the table does nothing.
+    int32_t factoryProgram(CUndo* step, int32_t index, CString* name, bool create);
     // "Add program": the default program joins the list, through the step when one is given (applying
     // it makes the new program current), else at once. False at 256 programs.
     bool addDefaultProgram(CUndo* step);

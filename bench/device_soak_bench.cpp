@@ -89,6 +89,9 @@ struct Phase {
     int64_t calls = 0;
 };
 
+// Up while a jump back to the start waits for the audio thread.
+std::atomic<bool> rewinding{false};
+
 Phase run(CAAM& aam, TimedEngine& timed, demo::DemoSong& song, double seconds) {
     const int64_t xrunsBefore = aam.xruns();
     timed.reset();
@@ -97,8 +100,15 @@ Phase run(CAAM& aam, TimedEngine& timed, demo::DemoSong& song, double seconds) {
         std::this_thread::sleep_for(std::chrono::milliseconds(40));
         aam.guiTick();
         song.engine.guiTick();
-        // Round and round the song, so that the whole soak has its full load.
-        if (song.engine.sequencer && song.engine.sequencer->getPosition() >= song.lengthTicks()) song.engine.setPosition(0.0);
+        // Round and round the song, so that the whole soak has its full load; the jump back is made on
+        // the audio thread at the end of a cycle.
+        if (song.engine.position.load(std::memory_order_relaxed) >= song.lengthTicks() && !rewinding.exchange(true))
+            song.engine.defer({[](void* engine, void* flag) {
+                                   static_cast<CQV*>(engine)->setPosition(0.0);
+                                   static_cast<std::atomic<bool>*>(flag)->store(false);
+                               },
+                               &song.engine},
+                              &rewinding);
     }
     const double periodNanos = period / rate * 1e9;
     Phase phase;
@@ -130,6 +140,7 @@ int main(int argc, char** argv) {
     demo::DemoSong song(rate);
     TimedEngine timed;
     timed.engine = &song.engine;
+    song.engine.start();
     CAAM aam({&TimedEngine::callback, &timed}, platform::driverJack);
     attachEngine(aam, song.engine);
     aam.outputEnabled[0] = aam.outputEnabled[1] = 1;
@@ -138,15 +149,14 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "device soak: %s\n", aam.lastError.c_str());
         return 1;
     }
-    song.engine.start();
     std::printf("device soak: demo song through JACK (dummy backend), %d frames at %.0f Hz, %d processors\n", aam.blockSize,
                 rate, platform::processorCount());
     const Phase quiet = run(aam, timed, song, seconds / 6.0);
     const std::vector<pid_t> children = loadEveryProcessor();
     const Phase loaded = run(aam, timed, song, seconds);
     stopChildren(children);
-    song.engine.stop();
     aam.closeDevice();
+    song.engine.stop();
     print("quiet", quiet);
     print("loaded", loaded);
     std::printf("loaded/quiet worst callback time: %.2f\n", quiet.worstShare > 0.0 ? loaded.worstShare / quiet.worstShare : 0.0);

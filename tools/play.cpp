@@ -101,6 +101,9 @@ int run(const std::vector<std::string_view>& args) {
     CQV& engine = song->engine;
     addLiveInput(engine);
 
+    // The transport runs from the first block; once audio runs, only the audio thread touches the model.
+    engine.setPosition(0.0);
+    engine.start();
     CAAM aam(engineCallback(engine), options.driver);
     attachEngine(aam, engine);
     aam.showMessage = [](const char* title, const char* text) { std::fprintf(stderr, "vantrell-cli: %s: %s\n", title, text); };
@@ -120,8 +123,6 @@ int run(const std::vector<std::string_view>& args) {
 
     std::signal(SIGINT, onInterrupt);
     std::signal(SIGTERM, onInterrupt);
-    engine.setPosition(0.0);
-    engine.start();
     const auto started = std::chrono::steady_clock::now();
     const auto elapsed = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(); };
     while (!interrupted.load()) {
@@ -129,10 +130,10 @@ int run(const std::vector<std::string_view>& args) {
         aam.guiTick();
         engine.guiTick();
         if (options.seconds > 0.0 && elapsed() >= options.seconds) break;
-        if (engine.sequencer && engine.sequencer->getPosition() >= song->lengthTicks()) break;
+        if (engine.position.load(std::memory_order_relaxed) >= song->lengthTicks()) break;
     }
-    engine.stop();
     aam.closeDevice();
+    engine.stop();
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
     std::printf("played %.1f s, %lld xruns\n", elapsed(), static_cast<long long>(aam.xruns()));

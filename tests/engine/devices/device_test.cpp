@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -57,10 +58,30 @@ void cable(CComp& from, CComp& to) {
     to.audioCablesIn.add(makeAudioCable(&to, from.firstOutputChannel(), to.firstInputChannel()));
 }
 
+// The engine's callback, counted, so that the test's thread can see blocks go by.
+struct CountedEngine {
+    explicit CountedEngine(CQV& engine) : engine(engine) {}
+    CQV& engine;
+    std::atomic<int64_t> blocks{0};
+
+    static int32_t call(void* self, float** inputs, float** outputs, int32_t inputCount, int32_t outputCount,
+                        int32_t frames, CMIDIRecord* records, int32_t recordCount) {
+        auto* counted = static_cast<CountedEngine*>(self);
+        counted->blocks.fetch_add(1, std::memory_order_relaxed);
+        return audioCallback(counted->engine, inputs, outputs, inputCount, outputCount, frames, records, recordCount);
+    }
+
+    bool goesOn() const {
+        const int64_t before = blocks.load();
+        for (int i = 0; i < 500 && blocks.load() < before + 5; ++i) std::this_thread::sleep_for(10ms);
+        return blocks.load() >= before + 5;
+    }
+};
+
 // Opens a CAAM on the engine with channels 0 and 1 both ways, ports left unconnected.
-std::unique_ptr<CAAM> openAudio(CQV& engine, int32_t driver, std::vector<std::string>* messages = nullptr) {
-    auto aam = std::make_unique<CAAM>(engineCallback(engine), driver);
-    attachEngine(*aam, engine);
+std::unique_ptr<CAAM> openAudio(CountedEngine& counted, int32_t driver, std::vector<std::string>* messages = nullptr) {
+    auto aam = std::make_unique<CAAM>(CAudioCallback{&CountedEngine::call, &counted}, driver);
+    attachEngine(*aam, counted.engine);
     aam->inputEnabled[0] = aam->inputEnabled[1] = 1;
     aam->outputEnabled[0] = aam->outputEnabled[1] = 1;
     aam->connectPorts = false;
@@ -71,10 +92,9 @@ std::unique_ptr<CAAM> openAudio(CQV& engine, int32_t driver, std::vector<std::st
     return aam;
 }
 
-bool cyclesGoOn(const CQV& engine) {
-    const uint64_t before = engine.cycles;
-    for (int i = 0; i < 500 && engine.cycles < before + 5; ++i) std::this_thread::sleep_for(10ms);
-    return engine.cycles >= before + 5;
+// The transport starts at the end of a cycle, on the audio thread, as an edit from the GUI would.
+void startOnAudioThread(CQV& engine) {
+    engine.defer({[](void* self, void*) { static_cast<CQV*>(self)->start(); }, &engine}, nullptr);
 }
 
 int64_t firstSound(const std::vector<float>& samples, float threshold = 1e-4f) {
@@ -186,13 +206,14 @@ TEST(JackDevice, PlaysTheSameAudioAsTheOfflineRender) {
     jacktest::Peer ears("ears", 2, seconds * static_cast<int64_t>(rate));
     ASSERT_TRUE(ears.ok());
     demo::DemoSong song(rate);
-    auto aam = openAudio(song.engine, platform::driverJack);
+    CountedEngine counted(song.engine);
+    auto aam = openAudio(counted, platform::driverJack);
     ASSERT_TRUE(aam->startAudio(platform::driverJack, 0, false)) << aam->lastError.c_str();
     EXPECT_EQ(aam->blockSize, renderBlock);
     EXPECT_EQ(song.engine.blockSize, renderBlock);
     ASSERT_TRUE(ears.connect("vantrell:out_1", ears.portName("in_1")));
     ASSERT_TRUE(ears.connect("vantrell:out_2", ears.portName("in_2")));
-    song.engine.start();
+    startOnAudioThread(song.engine);
     ASSERT_TRUE(ears.waitFrames(seconds * static_cast<int64_t>(rate), 120.0));
     aam->closeDevice();
 
@@ -228,7 +249,8 @@ TEST(JackDevice, ANoteFromAnotherClientSoundsWithinAPeriodAndABlock) {
     jacktest::Peer keys("keys", 0, 0);
     jacktest::Peer ears("ears", 1, 4 * static_cast<int64_t>(rate));
     ASSERT_TRUE(keys.ok() && ears.ok());
-    auto aam = openAudio(engine, platform::driverJack);
+    CountedEngine counted(engine);
+    auto aam = openAudio(counted, platform::driverJack);
     ASSERT_TRUE(aam->startAudio(platform::driverJack, 0, false)) << aam->lastError.c_str();
     aam->setMIDIIn(0, 1);
     ASSERT_TRUE(keys.connect(keys.portName("midi_out"), "vantrell:midi_in"));
@@ -268,13 +290,14 @@ TEST(JackDevice, WithoutAServerTheNullDriverRunsAfterAMessage) {
     setenv("JACK_NO_START_SERVER", "1", 1);
     CQV engine(EngineOptions{false, 1});
     std::vector<std::string> messages;
-    auto aam = openAudio(engine, platform::driverJack, &messages);
+    CountedEngine counted(engine);
+    auto aam = openAudio(counted, platform::driverJack, &messages);
     EXPECT_FALSE(aam->startAudio(platform::driverJack, 0, false));
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0], "Audio driver not found: No Audio drivers found on your system?");
     EXPECT_EQ(aam->driver, platform::driverNull);
     EXPECT_TRUE(aam->open.load());
-    EXPECT_TRUE(cyclesGoOn(engine));
+    EXPECT_TRUE(counted.goesOn());
 }
 
 TEST(JackDevice, AServerThatStopsLeavesTheNullDriverRunning) {
@@ -282,9 +305,10 @@ TEST(JackDevice, AServerThatStopsLeavesTheNullDriverRunning) {
     ASSERT_TRUE(server->ready()) << "jackd did not start";
     CQV engine(EngineOptions{false, 1});
     std::vector<std::string> messages;
-    auto aam = openAudio(engine, platform::driverJack, &messages);
+    CountedEngine counted(engine);
+    auto aam = openAudio(counted, platform::driverJack, &messages);
     ASSERT_TRUE(aam->startAudio(platform::driverJack, 0, false));
-    EXPECT_TRUE(cyclesGoOn(engine));
+    EXPECT_TRUE(counted.goesOn());
     server.reset();
     for (int i = 0; i < 500 && aam->driver != platform::driverNull; ++i) {
         aam->guiTick();
@@ -292,19 +316,51 @@ TEST(JackDevice, AServerThatStopsLeavesTheNullDriverRunning) {
     }
     EXPECT_EQ(aam->driver, platform::driverNull);
     EXPECT_FALSE(messages.empty());
-    EXPECT_TRUE(cyclesGoOn(engine));
+    EXPECT_TRUE(counted.goesOn());
 }
 
 TEST(AlsaDevice, ABadDeviceNameIsNamedInTheMessageAndTheNullDriverRuns) {
     CQV engine(EngineOptions{false, 1});
     std::vector<std::string> messages;
-    auto aam = openAudio(engine, platform::driverAlsa, &messages);
+    CountedEngine counted(engine);
+    auto aam = openAudio(counted, platform::driverAlsa, &messages);
     aam->deviceName = "no-such-device-here";
     EXPECT_FALSE(aam->startAudio(platform::driverAlsa, 0, false));
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_NE(messages[0].find("no-such-device-here"), std::string::npos) << messages[0];
     EXPECT_EQ(aam->driver, platform::driverNull);
-    EXPECT_TRUE(cyclesGoOn(engine));
+    EXPECT_TRUE(counted.goesOn());
+}
+
+struct CliRun {
+    int status = -1;
+    std::string output;
+};
+
+CliRun runCli(const std::string& arguments) {
+    CliRun run;
+    FILE* pipe = popen((std::string(cliPath) + " " + arguments + " 2>&1").c_str(), "r");
+    if (!pipe) return run;
+    char buffer[256];
+    while (std::fgets(buffer, sizeof buffer, pipe)) run.output += buffer;
+    const int status = pclose(pipe);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
+}
+
+TEST(PlayCommand, PlaysWithoutSoundWhenTheDriverHasNoDeviceAndRefusesBadOptions) {
+    setenv("JACK_DEFAULT_SERVER", ("vt-none-" + std::to_string(getpid())).c_str(), 1);
+    const CliRun noServer = runCli("play --demo --driver jack --seconds 0.3");
+    EXPECT_EQ(noServer.status, 0) << noServer.output;
+    EXPECT_NE(noServer.output.find("No Audio drivers found on your system?"), std::string::npos) << noServer.output;
+    EXPECT_NE(noServer.output.find("null driver"), std::string::npos) << noServer.output;
+
+    const CliRun badDevice = runCli("play --demo --driver alsa --device no-such-device-here --seconds 0.3");
+    EXPECT_EQ(badDevice.status, 0) << badDevice.output;
+    EXPECT_NE(badDevice.output.find("no-such-device-here"), std::string::npos) << badDevice.output;
+
+    for (const char* wrong : {"play", "play --demo --driver asio", "play --demo --seconds -1", "play --demo --seconds"})
+        EXPECT_EQ(runCli(wrong).status, 2) << wrong;
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "engine/deferred.h"
 
+#include "platform/platform.h"
+
 bool CDeferredQueue::defer(CDeferredAction action, void* argument) {
     uint32_t tail = tail_.load(std::memory_order_relaxed);
     if (tail - head_.load(std::memory_order_acquire) >= static_cast<uint32_t>(maxEntries)) return false;
@@ -22,6 +24,12 @@ void CDeferredQueue::drainFromAudio() {
     if (busy_.exchange(true, std::memory_order_acquire)) return;
     audioAsleep_ = false;
     idleTicks_ = 0;
+    runAll();
+    busy_.store(false, std::memory_order_release);
+}
+
+void CDeferredQueue::drainNow() {
+    while (busy_.exchange(true, std::memory_order_acquire)) platform::cpuPause();
     runAll();
     busy_.store(false, std::memory_order_release);
 }

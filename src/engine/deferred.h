@@ -33,6 +33,10 @@ public:
     void drainFromAudio();
     // GUI tick. True when it ran the entries.
     bool drainFromTick();
+    // Runs what waits now, on the calling thread, once any other reader has let go. Only while the audio
+    // thread stays out of the cycle (a project being replaced), so that no step is left to run on a model
+    // that has gone.
+    void drainNow();
 
     int32_t count() const {
         return static_cast<int32_t>(tail_.load(std::memory_order_acquire) - head_.load(std::memory_order_acquire));

@@ -139,6 +139,8 @@ public:
     std::unique_ptr<CDeferredQueue> deferred;
     TList<CGroupCh> groupChannels;  // owned
     CString projectPath;
+    // The project's audio folder, relative to the project's own folder; empty until one is needed.
+    CString audioDir;
     int32_t loopStart = 0, loopEnd = 3840;
     int32_t loop = 1;
     std::unique_ptr<CClick> click;

@@ -36,6 +36,9 @@ public:
     // Reads the block the reader stands at when its tag is one of the channel tags; false leaves the block
     // to the caller.
     bool take(CBlockReader& blocks, CStream& stream);
+    // The insert that the last "insert2" made, which the insert's own terminal blocks address; null when
+    // the blocks address the component.
+    CComp* insert() const { return insert_; }
 
 private:
     CComp& comp_;

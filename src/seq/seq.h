@@ -4,13 +4,24 @@
 // own lists, so the modular view shows one box with a pair of terminals per track.
 
 #include <cstdint>
+#include <utility>
+#include <vector>
 
 #include "engine/comp.h"
 #include "seq/part.h"
 #include "seq/song.h"
+#include "seq/timeline.h"
 #include "seq/track.h"
 
 class CUndo;
+
+// Where an automation lane's target lies, as a project keeps it: four pairs of a list code and an index.
+// The first code says what the target is (a component by its list, 4 an insert, 6 an output channel,
+// 7 a send); the pairs behind it lead from the target up to its component.
+struct AutomationPath {
+    uint8_t list[4] = {};
+    uint32_t index[4] = {};
+};
 
 // Option bytes of the sequencer ("options" block).
 namespace seqoption {
@@ -63,6 +74,15 @@ public:
     // Orders the terminal lists like the tracks by relinking cells, so it may run on the audio thread.
     void sortTerminals();
 
+    // The song as the project file keeps it inside the sequencer's component block.
+    void save(CStream& stream) override;
+    // Replaces the whole song. Every block is left at its declared end ("tempo" excepted, which
+    // declares more than it holds); a damaged block keeps what was read before the damage.
+    void load(CStream& stream, int32_t end) override;
+    // Automation targets may lie in components loaded after the sequencer: once the engine's lists are
+    // complete, the paths read by load become pointers.
+    void resolveAutomationTargets();
+
     TList<CTrack> tracks;        // owned
     TList<CPart> ghostSources;   // owned; hidden sources of ghost parts, never played
     // Bytes 8..11 hold the track list width, 64.0f little-endian; byte 27 is "Rewind on stop", on.
@@ -72,6 +92,7 @@ public:
     int32_t noteVelocity = 100;
     int32_t sync = 0;
     int32_t mixerView = 4;
+    CSnap snap;
 
     // Transport state.
     std::atomic<int32_t> playing{0};
@@ -83,6 +104,7 @@ public:
 
 private:
     void runProg(CSeqProg& prog, int32_t frames);
+    std::vector<std::pair<CSubTrack*, AutomationPath>> loadedTargets_;
     void startProg(CSeqProg& prog);
 };
 

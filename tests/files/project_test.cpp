@@ -1,0 +1,447 @@
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "demo_song.h"
+#include "core/stream.h"
+#include "engine/fx.h"
+#include "files/project.h"
+#include "files/render.h"
+#include "fx/effect.h"
+#include "fx/effects.h"
+#include "fx/mixer.h"
+#include "sound/sampler.h"
+#include "support/engine_graph.h"
+
+namespace {
+
+using files::LoadOutcome;
+
+std::vector<uint8_t> bytesOf(CMemoryStream& stream) { return {stream.data(), stream.data() + stream.getSize()}; }
+
+std::vector<uint8_t> saved(CQV& engine, CMixer* mixer = nullptr) {
+    CMemoryStream stream;
+    files::writeProject(engine, stream, {mixer, {}});
+    return bytesOf(stream);
+}
+
+std::vector<uint8_t> fileBytes(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Collects the messages a load gives the user.
+struct Messages {
+    files::ProjectContext context(CMixer* mixer = nullptr) {
+        return {mixer, [this](const CString& caption, const CString& text) { said.push_back(std::string(caption.c_str()) + ": " + text.c_str()); }};
+    }
+    std::vector<std::string> said;
+};
+
+LoadOutcome load(CQV& engine, const std::vector<uint8_t>& bytes, const files::ProjectContext& context = {}) {
+    CMemoryStream stream;
+    stream.write(bytes.data(), static_cast<int32_t>(bytes.size()));
+    stream.seek(0, seekFromStart);
+    return files::readProject(engine, stream, context);
+}
+
+CSeq* sequencerOf(const CQV& engine) {
+    for (CComp* comp : engine.comps)
+        if (comp->isSequencer()) return static_cast<CSeq*>(comp);
+    return nullptr;
+}
+
+// A project with every kind of track, part, event, component, cable, program and effect there is.
+struct FullProject {
+    FullProject() : engine(EngineOptions{false, 1}), mixer(&engine) {
+        registerEffects();
+        registerSoundComponents();
+        engine.setSampleRate(48000.0);
+        engine.bpm = 133.0f;
+        engine.timeSigNum = 3;
+        engine.timeSigDen = 8;
+        engine.loop = 0;
+        engine.audioDir = "song_audio";
+        engine.transportCC[ccPlay] = 20;
+        engine.modSlots[3].cc = 74;
+        mixer.addProgram()->show = 5;
+        mixer.editorPlace[0] = 77;
+
+        auto* midiIn = testgraph::add<CMIDIIn>(engine);
+        auto* audioIn = testgraph::add<CAudioIn>(engine);
+        auto* out = testgraph::add<CAudioOut>(engine);
+        testgraph::add<CMIDIOut>(engine);
+        seq = new CSeq(&engine);
+        seq->createPorts();
+        engine.addComp(seq);
+        CTrack* folder = addTrack(*seq, trackFolder, nullptr, -1);
+        CTrack* instrument = addTrack(*seq, trackInstrument, nullptr, -1);
+        CTrack* audio = addTrack(*seq, trackAudio, nullptr, -1);
+        addTrack(*seq, trackDrum, nullptr, -1);
+        instrument->parentFolder = folder;
+        instrument->color = 0x123456;
+        instrument->grooveSteps = 3;
+        instrument->grooveValues[2] = 0.7f;
+        instrument->channel = -1;
+        audio->recordChannels = 1;
+        seq->snap.gridType = 5;
+        seq->options[seqoption::markerTrack] = 1;
+
+        sampler = testgraph::add<CSampler>(engine);
+        sampler->addDefaultProgram(nullptr);
+        sampler->midiCablesIn.add(makeMIDICable(sampler, instrument->firstOutputPort(), sampler->firstInputPort()));
+        seq->midiCablesIn.add(makeMIDICable(seq, midiIn->firstOutputPort(), instrument->firstInputPort()));
+        seq->audioCablesIn.add(makeAudioCable(seq, audioIn->firstOutputChannel(), audio->firstInputChannel()));
+
+        effect = testgraph::add<CEffect>(engine);
+        for (int32_t kind = fxDelay; kind <= fxCompressor; ++kind) effect->effectProgram(0)->effects.add(createFX(kind));
+        testgraph::connectAudio(*sampler, *effect);
+        testgraph::connectAudio(*effect, *out);
+        testgraph::connectAudio(*seq, *out);
+
+        auto* group = new CGroupCh(&engine);
+        group->createPorts();
+        engine.addGroupChannel(group);
+        out->audioCablesIn.add(makeAudioCable(out, group->firstOutputChannel(), out->firstInputChannel()));
+
+        COutputChannel& strip = *sampler->firstOutputChannel();
+        strip.volume = 0.6f;
+        strip.pan = -0.25f;
+        strip.mute = 1;
+        strip.eqSettings[1].power = 1;
+        strip.eqSettings[1].gain = 4.5f;
+        strip.sends[0]->level = 0.3f;
+        insert = createComp(&engine, compEffect);
+        insert->createPorts();
+        insert->name = "Insert";
+        insert->wetLevel = 0.5f;
+        insert->parentChannel = &strip;
+        insert->orderClass = orderInsert;
+        strip.inserts.add(insert);
+
+        const auto lane = [&](void* target) {
+            auto* sub = new CSubTrack(laneAutomation);
+            sub->name = "Automation";
+            sub->slot = instrument->subTracks.count();
+            sub->target = target;
+            instrument->subTracks.add(sub);
+        };
+        lane(sampler);
+        lane(insert);
+        lane(&strip);
+        lane(strip.sends[0]);
+
+        CSeqProg& prog = *seq->currentProg();
+        auto* midi = part<CMIDIPart>(*prog.songTracks.getAt(1), 960, 7680);
+        for (int32_t k = 0; k < 40; ++k) {
+            auto* note = new CMIDIEventRec();
+            note->message = packMIDI(0x90, static_cast<uint8_t>(48 + k % 24), static_cast<uint8_t>(k % 3 ? 100 : 0));
+            note->duration = 120 + k;
+            insertEvent(*midi, k * 180, note);
+        }
+        auto* controller = new CMIDIEventRec();
+        controller->message = packMIDI(0xB0, 7, 90);
+        insertEvent(*midi, 500, controller);
+        for (int32_t k = 0; k < 5; ++k) {
+            auto* point = new CAutomationRec();
+            point->delta = 240;
+            point->value = 0.2f * static_cast<float>(k);
+            point->shape = k % 2;
+            point->curve = 0.1f;
+            point->next = midi->automation[2];
+            midi->automation[2] = point;
+        }
+        prog.songTracks.getAt(1)->parts.add(makeGhost(*seq, *midi, true));
+
+        auto* audioPart = part<CAudioPart>(*prog.songTracks.getAt(2), 0, 3840);
+        audioPart->multiClip = 1;
+        audioPart->audioChannels = 2;
+        auto* clip = new CAudioEventRec();
+        clip->gain = 0.8f;
+        clip->fadeInMs = 12.0f;
+        clip->endFrame = 44100;
+        insertEvent(*audioPart, 100, clip);
+
+        auto* drums = part<CDrumPart>(*prog.songTracks.getAt(3), 0, 3840);
+        for (int32_t k = 0; k < 8; ++k) {
+            auto* hit = new CDrumEventRec();
+            hit->pad = k % 4;
+            hit->velocity = k % 2 ? 0.5f : 1.0f;
+            hit->pan = k % 3 ? 0.0f : -0.5f;
+            hit->pitch = k == 5 ? 2.0f : 1.0f;
+            insertEvent(*drums, k * 240, hit);
+        }
+
+        auto* marker = new CMarkerPart();
+        marker->start = 3840;
+        marker->name = "Chorus";
+        prog.markers.add(marker);
+        prog.nextMarker = marker;
+        auto* signature = new CTimesigPart();
+        signature->start = 7680;
+        signature->numerator = 7;
+        prog.signatures.add(signature);
+        auto* tempo = new CTempoPart();
+        tempo->start = 1920;
+        tempo->tempo = 97.5f;
+        prog.tempos.add(tempo);
+        seq->addProg()->leftLocator = 960;
+        seq->program = 1;
+    }
+
+    template <class Part>
+    static Part* part(CSongTrack& songTrack, int32_t start, int32_t length) {
+        auto* made = new Part();
+        made->start = start;
+        made->length = length;
+        made->songTrack = &songTrack;
+        songTrack.parts.add(made);
+        return made;
+    }
+
+    CQV engine;
+    CMixer mixer;
+    CSeq* seq;
+    CSampler* sampler;
+    CEffect* effect;
+    CComp* insert;
+};
+
+TEST(Project, SaveOpenAndSaveAgainGiveTheSameBytes) {
+    FullProject project;
+    const std::vector<uint8_t> first = saved(project.engine, &project.mixer);
+
+    CQV engine(EngineOptions{false, 1});
+    CMixer mixer(&engine);
+    Messages messages;
+    ASSERT_EQ(load(engine, first, messages.context(&mixer)), LoadOutcome::loaded);
+    EXPECT_TRUE(messages.said.empty()) << messages.said.front();
+    EXPECT_EQ(saved(engine, &mixer), first);
+
+    // What was read is a working model, not only bytes carried through.
+    ASSERT_EQ(engine.comps.count(), project.engine.comps.count());
+    ASSERT_EQ(engine.groupChannels.count(), 1);
+    EXPECT_EQ(engine.bpm.load(), 133.0f);
+    EXPECT_EQ(engine.timeSigDen, 8);
+    EXPECT_EQ(mixer.programs.count(), 1);
+    CSeq* seq = sequencerOf(engine);
+    ASSERT_NE(seq, nullptr);
+    ASSERT_EQ(seq->tracks.count(), 4);
+    CTrack* instrument = seq->tracks.getAt(1);
+    EXPECT_EQ(instrument->parentFolder, seq->tracks.getAt(0));
+    EXPECT_EQ(instrument->channel, -1);
+    EXPECT_EQ(seq->inputPorts.count(), project.seq->inputPorts.count());
+    EXPECT_EQ(seq->program, 1);
+    CSongTrack& songTrack = *seq->prog(0)->songTracks.getAt(1);
+    ASSERT_EQ(songTrack.parts.count(), 2);
+    EXPECT_EQ(songTrack.parts.getAt(0)->ghostSource, songTrack.parts.getAt(1)->ghostSource);
+    int32_t notes = 0;
+    for (CEventRec* event = songTrack.parts.getAt(0)->getEvents(); event; event = event->next) ++notes;
+    EXPECT_EQ(notes, 41);
+    EXPECT_EQ(seq->prog(0)->nextMarker, seq->prog(0)->markers.getAt(0));
+
+    auto* sampler = static_cast<CSampler*>(engine.comps.getAt(5));
+    COutputChannel& strip = *sampler->firstOutputChannel();
+    ASSERT_EQ(strip.inserts.count(), 1);
+    CComp* insert = strip.inserts.getAt(0);
+    EXPECT_EQ(insert->wetLevel.load(), 0.5f);
+    EXPECT_EQ(insert->parentChannel, &strip);
+    EXPECT_EQ(instrument->subTracks.getAt(1)->target, sampler);
+    EXPECT_EQ(instrument->subTracks.getAt(2)->target, insert);
+    EXPECT_EQ(instrument->subTracks.getAt(3)->target, &strip);
+    EXPECT_EQ(instrument->subTracks.getAt(4)->target, strip.sends[0]);
+    ASSERT_EQ(sampler->midiCablesIn.count(), 1);
+    EXPECT_EQ(sampler->midiCablesIn.getAt(0)->output, instrument->firstOutputPort());
+}
+
+TEST(Project, AnOpenedSongRendersBitForBitLikeTheSongItWasSavedFrom) {
+    demo::DemoSong song(44100.0);
+    const std::vector<uint8_t> bytes = saved(song.engine);
+    CQV engine(EngineOptions{false, 1});
+    engine.setSampleRate(44100.0);
+    ASSERT_EQ(load(engine, bytes), LoadOutcome::loaded);
+
+    const auto dir = std::filesystem::temp_directory_path() / ("vantrell_project_render_" + std::to_string(std::random_device{}()));
+    std::filesystem::create_directories(dir);
+    const files::WavFormat format{44100, 2, files::SampleFormat::float32};
+    // Ten bars reach past the tempo change and keep the sanitizer runs short.
+    const int32_t renderTicks = 10 * 4 * 960;
+    const auto render = [&](CQV& which, const char* name) {
+        files::WavWriter writer(dir / name, format);
+        files::renderOffline(which, {0, renderTicks}, writer);
+        writer.commit();
+        return fileBytes(dir / name);
+    };
+    const std::vector<uint8_t> direct = render(song.engine, "direct.wav");
+    const std::vector<uint8_t> opened = render(engine, "opened.wav");
+    std::filesystem::remove_all(dir);
+    ASSERT_GT(direct.size(), 44100u * 8u * 20u);
+    EXPECT_TRUE(direct == opened);
+}
+
+TEST(Project, DamagedFilesLoadWhatTheyCanAndNeverCrash) {
+    FullProject project;
+    const std::vector<uint8_t> good = saved(project.engine);
+    std::mt19937 random(7);
+    const auto exercise = [](const std::vector<uint8_t>& bytes) {
+        CQV engine(EngineOptions{false, 1});
+        Messages messages;
+        const LoadOutcome outcome = load(engine, bytes, messages.context());
+        // Load, then play and save what was read: damage often shows only there.
+        engine.start();
+        for (int32_t k = 0; k < 3; ++k) engine.runCycle(256);
+        engine.stop();
+        saved(engine);
+        return std::pair{outcome, messages.said.size()};
+    };
+
+    size_t reported = 0;
+    for (size_t length = 0; length < good.size(); length += 1 + length / 8) {
+        const auto [outcome, said] = exercise({good.begin(), good.begin() + static_cast<std::ptrdiff_t>(length)});
+        EXPECT_EQ(outcome, length < 7 ? LoadOutcome::notProject : LoadOutcome::loaded) << length;
+        reported += said;
+    }
+    EXPECT_GT(reported, 0u);
+    for (int32_t trial = 0; trial < 120; ++trial) {
+        std::vector<uint8_t> bytes = good;
+        for (int32_t k = 0; k < 1 + trial % 8; ++k) bytes[7 + random() % (bytes.size() - 7)] = static_cast<uint8_t>(random());
+        exercise(bytes);
+    }
+}
+
+// Hand-made files for the reader's rules: a header, then blocks.
+struct FileBuilder {
+    FileBuilder() { writeString(stream, "QV3"); }
+    // The size written is the words' unless `declared` says otherwise.
+    void block(const char* tag, std::initializer_list<uint32_t> words, std::optional<int32_t> declared = {}) {
+        writeBlockHeader(stream, tag, declared ? static_cast<uint32_t>(*declared) : 4 * static_cast<uint32_t>(words.size()));
+        for (uint32_t word : words) stream.writeU32(word);
+    }
+    std::vector<uint8_t> bytes() { return bytesOf(stream); }
+    CMemoryStream stream;
+};
+
+TEST(Project, TheReaderSkipsReportsAndRefusesAsItShould) {
+    CQV engine(EngineOptions{false, 1});
+    Messages messages;
+    testgraph::add<CAudioOut>(engine);
+
+    // Not a project: the length word of "QV3" must be 3; nothing changes.
+    std::vector<uint8_t> wrong = FileBuilder().bytes();
+    wrong[0] = 4;
+    EXPECT_EQ(load(engine, wrong, messages.context()), LoadOutcome::notProject);
+    EXPECT_EQ(engine.comps.count(), 1);
+
+    // An unknown tag is skipped without a word; a short block is reported and the rest is read.
+    FileBuilder file;
+    file.block("someday", {1, 2, 3});
+    file.block("timeSig", {5}, 4);
+    file.block("loop", {0});
+    EXPECT_EQ(load(engine, file.bytes(), messages.context()), LoadOutcome::loaded);
+    ASSERT_EQ(messages.said.size(), 1u);
+    EXPECT_EQ(messages.said[0], "Error: Error reading block: 'timeSig' (4). Trying to read rest of file...");
+    EXPECT_EQ(engine.timeSigNum, 5);
+    EXPECT_EQ(engine.loop, 0);
+    EXPECT_EQ(engine.comps.count(), 0);
+
+    // A negative size ends the load with a new, empty project.
+    FileBuilder negative;
+    negative.block("bpm", {0x42F00000});
+    negative.block("loop", {0}, -2);
+    engine.projectPath = "/somewhere/song.qv";
+    EXPECT_EQ(load(engine, negative.bytes(), messages.context()), LoadOutcome::failed);
+    EXPECT_EQ(messages.said.back(), "Error: Block size error: 'loop' (-2).");
+    EXPECT_EQ(engine.bpm.load(), 120.0f);
+    EXPECT_TRUE(engine.projectPath.isEmpty());
+
+    // A snap grid outside 0..6 is not taken over; the tempo block's short payload is read as it is.
+    CQV source(EngineOptions{false, 1});
+    auto* seq = new CSeq(&source);
+    seq->createPorts();
+    source.addComp(seq);
+    seq->snap.gridType = 7;
+    for (int32_t tick : {0, 960}) {
+        auto* tempo = new CTempoPart();
+        tempo->start = tick;
+        seq->currentProg()->tempos.add(tempo);
+    }
+    ASSERT_EQ(load(engine, saved(source)), LoadOutcome::loaded);
+    EXPECT_EQ(sequencerOf(engine)->snap.gridType, 3);
+    EXPECT_EQ(sequencerOf(engine)->currentProg()->tempos.count(), 2);
+}
+
+class ProjectFiles : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir = std::filesystem::temp_directory_path() / ("vantrell_project_" + std::to_string(std::random_device{}()));
+        std::filesystem::create_directories(dir);
+    }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+    std::filesystem::path dir;
+};
+
+TEST_F(ProjectFiles, ASaveThatFailsAtAnyByteLeavesTheOldFileWhole) {
+    FullProject project;
+    const CString path = (dir / "song.qv").c_str();
+    ASSERT_TRUE(files::saveProject(project.engine, path));
+    const std::vector<uint8_t> old = fileBytes(dir / "song.qv");
+    project.engine.bpm = 90.0f;
+    const std::vector<uint8_t> next = saved(project.engine);
+    ASSERT_NE(old, next);
+
+    // The file size limit makes the disk refuse every byte from the Nth on, as a full disk would.
+    const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit original{};
+    getrlimit(RLIMIT_FSIZE, &original);
+    int32_t refused = 0;
+    for (size_t limit = 0; limit < next.size(); limit += 1 + limit / 4) {
+        rlimit capped = original;
+        capped.rlim_cur = limit;
+        setrlimit(RLIMIT_FSIZE, &capped);
+        Messages messages;
+        const bool done = files::saveProject(project.engine, path, messages.context());
+        setrlimit(RLIMIT_FSIZE, &original);
+        ASSERT_FALSE(done) << limit;
+        ++refused;
+        EXPECT_EQ(messages.said.at(0), "Error: There was an error writing the project. Free up some disk space then try again");
+        EXPECT_EQ(fileBytes(dir / "song.qv"), old) << limit;
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 1) << "a temporary file was left";
+    }
+    std::signal(SIGXFSZ, previous);
+    EXPECT_GT(refused, 10);
+    ASSERT_TRUE(files::saveProject(project.engine, path));
+    EXPECT_EQ(fileBytes(dir / "song.qv"), next);
+}
+
+TEST_F(ProjectFiles, OpeningNamesTheProjectAndItsAudioFolder) {
+    CQV engine(EngineOptions{false, 1});
+    Messages messages;
+    engine.projectPath = (dir / "Take.qv").c_str();
+    EXPECT_STREQ(files::projectAudioFolder(engine, false).c_str(), "");
+    EXPECT_STREQ(files::projectAudioFolder(engine, true).c_str(), (dir / "Take_audio").c_str());
+    EXPECT_TRUE(std::filesystem::is_directory(dir / "Take_audio"));
+    ASSERT_TRUE(files::saveProject(engine, (dir / "Take.qv").c_str()));
+
+    // Moved elsewhere with its folder: the audio folder follows the project.
+    std::filesystem::create_directories(dir / "moved");
+    std::filesystem::rename(dir / "Take.qv", dir / "moved" / "Take.qv");
+    CQV other(EngineOptions{false, 1});
+    ASSERT_TRUE(files::openProject(other, (dir / "moved" / "Take.qv").c_str()));
+    EXPECT_STREQ(other.projectPath.c_str(), (dir / "moved" / "Take.qv").c_str());
+    EXPECT_STREQ(files::projectAudioFolder(other, false).c_str(), (dir / "moved" / "Take_audio").c_str());
+
+    EXPECT_FALSE(files::openProject(other, (dir / "missing.qv").c_str(), messages.context()));
+    EXPECT_EQ(messages.said.at(0), "Error: Can't open missing.qv. Not a VNT64 project");
+    EXPECT_STREQ(other.projectPath.c_str(), (dir / "moved" / "Take.qv").c_str());
+}
+
+}  // namespace

@@ -91,34 +91,24 @@ public:
         host_ = &host;
         buffers_.allocate(alsaChannels, frames_);
         interleaved_.assign(static_cast<size_t>(frames_ * alsaChannels) * (isFloat_ ? sizeof(float) : sizeof(int16_t)), 0);
-        quit_.store(false);
-        thread_ = std::make_unique<Thread>();
-        if (!thread_->start(&AlsaDriver::run, this)) {
-            thread_.reset();
+        if (!thread_.start(&AlsaDriver::run, this)) {
             close();
             result.error = "Could not start the audio thread";
             return result;
         }
-        result.ok = true;
-        result.blockSize = frames_;
-        result.sampleRate = rate_;
-        result.outputCount = alsaChannels;
-        return result;
+        return openedStereo(frames_, rate_);
     }
 
     void close() override {
-        if (thread_) {
-            quit_.store(true);
-            thread_->join();
-            thread_.reset();
-        }
+        thread_.stop();
+        failed_.store(false);
         if (!pcm_) return;
         snd_pcm_drop(pcm_);
         snd_pcm_close(pcm_);
         pcm_ = nullptr;
     }
 
-    bool restartWanted() const override { return false; }
+    bool restartWanted() const override { return failed_.load(); }
     int64_t xruns() const override { return xruns_.load(std::memory_order_relaxed); }
 
 private:
@@ -157,10 +147,14 @@ private:
         setCurrentThreadPriority(ThreadPriority::highest);
         const double started = secondsNow();
         int64_t written = 0;
-        while (!quit_.load(std::memory_order_relaxed)) {
+        while (!thread_.quitting()) {
             host_->audioBlock(nullptr, buffers_.pointers(), 0, alsaChannels, frames_);
             convert();
-            if (!write()) break;
+            if (!write()) {
+                // The device is gone (unplugged, its server stopped): the owner opens it again or gives up.
+                failed_.store(true);
+                break;
+            }
             written += frames_;
             // A device that takes every write at once (the "null" device) is held to the clock, so that
             // the engine runs at its rate rather than as fast as the processor allows.
@@ -194,7 +188,7 @@ private:
     bool write() {
         const size_t frameBytes = interleaved_.size() / static_cast<size_t>(frames_);
         snd_pcm_uframes_t done = 0;
-        while (done < static_cast<snd_pcm_uframes_t>(frames_) && !quit_.load(std::memory_order_relaxed)) {
+        while (done < static_cast<snd_pcm_uframes_t>(frames_) && !thread_.quitting()) {
             const snd_pcm_sframes_t n =
                 snd_pcm_writei(pcm_, interleaved_.data() + done * frameBytes, static_cast<snd_pcm_uframes_t>(frames_) - done);
             if (n >= 0) {
@@ -215,8 +209,8 @@ private:
     double rate_ = 44100.0;
     BlockBuffers buffers_;
     std::vector<unsigned char> interleaved_;
-    std::unique_ptr<Thread> thread_;
-    std::atomic<bool> quit_{false};
+    PlayThread thread_;
+    std::atomic<bool> failed_{false};
     std::atomic<int64_t> xruns_{0};
 };
 

@@ -1,10 +1,12 @@
 #pragma once
 // The Linux drivers behind makeAudioDriver, and what they share.
 
+#include <atomic>
 #include <memory>
 #include <vector>
 
 #include "platform/audio_driver.h"
+#include "platform/platform.h"
 
 namespace platform {
 
@@ -23,5 +25,24 @@ private:
     std::vector<std::vector<float>> buffers_;
     std::vector<float*> pointers_;
 };
+
+// The thread of a driver that feeds its device itself, stopped through its quit flag.
+class PlayThread {
+public:
+    ~PlayThread() { stop(); }
+    // False when the system refused the thread.
+    bool start(void (*body)(void* argument), void* argument);
+    // Sets the quit flag and waits for the body to return. Does nothing when not running.
+    void stop();
+    bool running() const { return thread_ != nullptr; }
+    bool quitting() const { return quit_.load(std::memory_order_relaxed); }
+
+private:
+    std::unique_ptr<Thread> thread_;
+    std::atomic<bool> quit_{false};
+};
+
+// What a driver with two output channels and no input gives back from a successful open.
+AudioOpenResult openedStereo(int32_t blockSize, double sampleRate);
 
 }  // namespace platform

@@ -34,35 +34,16 @@ public:
     std::vector<AudioDeviceInfo> devices() override { return {{"No audio output", nullChannels}}; }
 
     AudioOpenResult open(const AudioOpenRequest& request, AudioHost& host) override {
-        AudioOpenResult result;
-        if (thread_) {
-            result.error = "The null device is already open";
-            return result;
-        }
+        if (thread_.running()) return {false, "The null device is already open"};
         host_ = &host;
         frames_ = request.blockSize > 0 ? request.blockSize : 1024;
         rate_ = request.sampleRate > 0.0 ? request.sampleRate : 44100.0;
         buffers_.allocate(nullChannels, frames_);
-        quit_.store(false);
-        thread_ = std::make_unique<Thread>();
-        if (!thread_->start(&NullDriver::run, this)) {
-            thread_.reset();
-            result.error = "Could not start the audio thread";
-            return result;
-        }
-        result.ok = true;
-        result.blockSize = frames_;
-        result.sampleRate = rate_;
-        result.outputCount = nullChannels;
-        return result;
+        if (!thread_.start(&NullDriver::run, this)) return {false, "Could not start the audio thread"};
+        return openedStereo(frames_, rate_);
     }
 
-    void close() override {
-        if (!thread_) return;
-        quit_.store(true);
-        thread_->join();
-        thread_.reset();
-    }
+    void close() override { thread_.stop(); }
 
     bool restartWanted() const override { return false; }
     int64_t xruns() const override { return xruns_.load(std::memory_order_relaxed); }
@@ -75,7 +56,7 @@ private:
         const auto period = static_cast<int64_t>(static_cast<double>(frames_) * nanosPerSecond / rate_);
         timespec due{};
         clock_gettime(CLOCK_MONOTONIC, &due);
-        while (!quit_.load(std::memory_order_relaxed)) {
+        while (!thread_.quitting()) {
             host_->audioBlock(nullptr, buffers_.pointers(), 0, nullChannels, frames_);
             addNanos(due, period);
             timespec now{};
@@ -95,8 +76,7 @@ private:
     int32_t frames_ = 1024;
     double rate_ = 44100.0;
     BlockBuffers buffers_;
-    std::unique_ptr<Thread> thread_;
-    std::atomic<bool> quit_{false};
+    PlayThread thread_;
     std::atomic<int64_t> xruns_{0};
 };
 

@@ -1,8 +1,10 @@
 // vantrell-cli: the engine's jobs from a shell, with no window and no audio device.
 //
-//   vantrell-cli render --demo -o demo.wav [--rate N] [--bits 16|24|32f] [--mono]
+//   vantrell-cli render --demo -o FILE [--format wav|aiff|mp3] [--rate N] [--bits 16|24|32] [--mono] [--bitrate N]
+//   vantrell-cli info FILE
 //   vantrell-cli play --demo [--driver jack|alsa|null] [--device NAME] [--seconds N]
 
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -14,8 +16,10 @@
 #include <vector>
 
 #include "demo_song.h"
+#include "files/audio_writer.h"
+#include "files/mp3.h"
 #include "files/render.h"
-#include "files/wav.h"
+#include "info.h"
 #include "platform/platform.h"
 #include "play.h"
 
@@ -25,12 +29,17 @@ constexpr int exitFailure = 1;
 constexpr int exitUsage = 2;
 
 const char* const usage =
-    "usage: vantrell-cli render --demo -o FILE.wav [--rate N] [--bits 16|24|32f] [--mono]\n"
+    "usage: vantrell-cli render --demo -o FILE [--format wav|aiff|mp3] [--rate N] [--bits 16|24|32] [--mono]\n"
+    "                          [--bitrate N]\n"
+    "       vantrell-cli info FILE\n"
     "  --demo        render the built-in demo song\n"
-    "  -o FILE       the WAV file to write; an existing file is replaced only when the render succeeds\n"
+    "  -o FILE       the file to write; an existing file is replaced only when the render succeeds\n"
+    "  --format F    wav, aiff or mp3 (default: from the extension of FILE, else wav)\n"
     "  --rate N      sample rate, 8000 to 192000 (default 48000)\n"
-    "  --bits B      16 or 24 bit integer, or 32f for 32 bit float (default 16)\n"
-    "  --mono        one channel instead of two\n";
+    "  --bits B      16 or 24 bit integer, or 32: float in WAV, integer in AIFF (default 16)\n"
+    "  --mono        one channel instead of two\n"
+    "  --bitrate N   MP3 kilobits a second, 32 to 320 (default 128), through lame on PATH\n"
+    "  info FILE     describe a WAV or AIFF file\n";
 
 struct UsageError {
     std::string message;
@@ -39,28 +48,42 @@ struct UsageError {
 struct RenderOptions {
     bool demo = false;
     std::filesystem::path output;
-    files::WavFormat format{48000, 2, files::SampleFormat::int16};
+    files::AudioFormat format{48000, 2, files::SampleFormat::int16};
+    bool mp3 = false;
+    int32_t bitrate = 128;
 };
 
-int parseRate(std::string_view text) {
+// The format a file name asks for when --format doesn't say.
+void formatFromName(RenderOptions& options, std::string_view name) {
+    std::string text(name);
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const auto endsWith = [&text](std::string_view tail) { return text.size() >= tail.size() && text.ends_with(tail); };
+    options.mp3 = endsWith(".mp3");
+    options.format.type = endsWith(".aif") || endsWith(".aiff") ? files::FileType::aiff : files::FileType::wav;
+}
+
+int parseRate(std::string_view text, int low = 8000, int high = 192000, const char* option = "--rate") {
     int value = 0;
     for (char c : text) {
-        if (c < '0' || c > '9' || value > 1000000) throw UsageError{"--rate wants a whole number, not '" + std::string(text) + "'"};
+        if (c < '0' || c > '9' || value > 1000000)
+            throw UsageError{std::string(option) + " wants a whole number, not '" + std::string(text) + "'"};
         value = value * 10 + (c - '0');
     }
-    if (text.empty() || value < 8000 || value > 192000) throw UsageError{"--rate must be between 8000 and 192000"};
+    if (text.empty() || value < low || value > high)
+        throw UsageError{std::string(option) + " must be between " + std::to_string(low) + " and " + std::to_string(high)};
     return value;
 }
 
 files::SampleFormat parseBits(std::string_view text) {
     if (text == "16") return files::SampleFormat::int16;
     if (text == "24") return files::SampleFormat::int24;
-    if (text == "32f") return files::SampleFormat::float32;
-    throw UsageError{"--bits must be 16, 24 or 32f, not '" + std::string(text) + "'"};
+    if (text == "32f" || text == "32") return files::SampleFormat::float32;
+    throw UsageError{"--bits must be 16, 24 or 32, not '" + std::string(text) + "'"};
 }
 
 RenderOptions parseRender(const std::vector<std::string_view>& args) {
     RenderOptions options;
+    std::string_view format;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string_view arg = args[i];
         const auto value = [&]() -> std::string_view {
@@ -72,10 +95,18 @@ RenderOptions parseRender(const std::vector<std::string_view>& args) {
         else if (arg == "--rate") options.format.rate = parseRate(value());
         else if (arg == "--bits") options.format.sample = parseBits(value());
         else if (arg == "--mono") options.format.channels = 1;
+        else if (arg == "--format") format = value();
+        else if (arg == "--bitrate") options.bitrate = parseRate(value(), 32, 320, "--bitrate");
         else throw UsageError{"unknown option '" + std::string(arg) + "'"};
     }
     if (!options.demo) throw UsageError{"nothing to render: only --demo is available"};
     if (options.output.empty()) throw UsageError{"no output file: give -o FILE.wav"};
+    formatFromName(options, format.empty() ? options.output.string() : "." + std::string(format));
+    if (!format.empty() && format != "wav" && format != "aiff" && format != "mp3")
+        throw UsageError{"--format must be wav, aiff or mp3, not '" + std::string(format) + "'"};
+    // AIFF holds 32-bit integers where WAV holds floats.
+    if (options.format.type == files::FileType::aiff && options.format.sample == files::SampleFormat::float32)
+        options.format.sample = files::SampleFormat::int32;
     return options;
 }
 
@@ -102,18 +133,23 @@ private:
 
 int render(const RenderOptions& options) {
     demo::DemoSong song(options.format.rate);
-    files::WavWriter writer(options.output, options.format);
+    // MP3 renders to a WAV beside the target first, which the encoder then turns into the MP3.
+    std::filesystem::path wavPath = options.output;
+    if (options.mp3) wavPath += ".render.wav";
+    files::AudioWriter writer(wavPath, options.format);
     ProgressBar bar;
     const auto started = std::chrono::steady_clock::now();
     const files::RenderResult result =
         files::renderOffline(song.engine, {0, song.lengthTicks()}, writer, [&bar](double done) { return bar(done); });
     writer.commit();
+    if (options.mp3) files::encodeMp3(wavPath, options.output, options.bitrate);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     bar.finish();
     const double audio = static_cast<double>(result.frames) / options.format.rate;
     std::printf("wrote %s: %.2f s of audio, %d Hz, %d channel(s), %d bit%s, peak %.3f, in %.2f s (%.0fx real time)\n",
                 options.output.string().c_str(), audio, options.format.rate, options.format.channels,
-                files::bitsOf(options.format.sample), options.format.sample == files::SampleFormat::float32 ? " float" : "",
+                files::bitsOf(options.format.sample),
+                options.mp3 ? " into MP3" : options.format.sample == files::SampleFormat::float32 ? " float" : "",
                 static_cast<double>(result.peak), seconds, seconds > 0.0 ? audio / seconds : 0.0);
     return EXIT_SUCCESS;
 }
@@ -128,6 +164,7 @@ int main(int argc, char** argv) {
             return args.empty() ? exitUsage : EXIT_SUCCESS;
         }
         if (args[0] == "play") return play::run({args.begin() + 1, args.end()});
+        if (args[0] == "info") return info::run({args.begin() + 1, args.end()});
         if (args[0] != "render") throw UsageError{"unknown command '" + std::string(args[0]) + "'"};
         return render(parseRender({args.begin() + 1, args.end()}));
     } catch (const UsageError& error) {

@@ -38,7 +38,7 @@ private:
 
 }  // namespace
 
-RenderResult renderOffline(CQV& engine, RenderRange range, WavWriter& writer, const RenderProgress& progress) {
+RenderResult renderOffline(CQV& engine, RenderRange range, AudioWriter& writer, const RenderProgress& progress) {
     RenderResult result;
     const COutputChannel* channel = firstAudioOut(engine);
     if (!channel) throw FileError("nothing to render: the song has no audio output");

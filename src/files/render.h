@@ -1,12 +1,12 @@
 #pragma once
 // The offline render: runs the engine's cycle without a device, as fast as the machine allows, from a
-// start tick for a length in ticks, and writes the first audio output's channel to a WAV writer.
+// start tick for a length in ticks, and writes the first audio output's channel to an audio file writer.
 
 #include <cstdint>
 #include <functional>
 
 #include "engine/engine.h"
-#include "files/wav.h"
+#include "files/audio_writer.h"
 
 namespace files {
 
@@ -27,6 +27,6 @@ struct RenderResult {
 // Runs the engine at the writer's rate, then gives back its old rate and position. The frames that the
 // graph's delay compensation puts in front of the song are run and dropped. Throws FileError when the
 // engine has no audio output or the file cannot be written; the writer is not committed here.
-RenderResult renderOffline(CQV& engine, RenderRange range, WavWriter& writer, const RenderProgress& progress = {});
+RenderResult renderOffline(CQV& engine, RenderRange range, AudioWriter& writer, const RenderProgress& progress = {});
 
 }  // namespace files

@@ -30,8 +30,8 @@ protected:
 
     // Runs the program with `args`; returns its exit status, as the shell saw it, and keeps what it wrote
     // to standard error.
-    int cli(const std::string& args) {
-        const auto command = std::string("'") + cliPath + "' " + args + " > '" + (dir / "out.txt").string() + "' 2> '" +
+    int cli(const std::string& args, const std::string& environment = "") {
+        const auto command = environment + " '" + cliPath + "' " + args + " > '" + (dir / "out.txt").string() + "' 2> '" +
                              (dir / "err.txt").string() + "'; echo $? > '" + (dir / "status.txt").string() + "'";
         EXPECT_EQ(std::system(command.c_str()), 0);
         errors = readText(dir / "err.txt");
@@ -78,10 +78,12 @@ TEST_F(Cli, BadOptionsFailWithAMessage) {
     };
     const Row rows[] = {
         {"", "usage:"},
-        {"play", "unknown command 'play'"},
+        {"dance", "unknown command 'dance'"},
         {"render -o x.wav", "only --demo"},
         {"render --demo", "no output file"},
-        {"render --demo -o x.wav --bits 12", "--bits must be 16, 24 or 32f"},
+        {"render --demo -o x.wav --bits 12", "--bits must be 16, 24 or 32"},
+        {"render --demo -o x.wav --format ogg", "--format must be wav, aiff or mp3"},
+        {"render --demo -o x.mp3 --bitrate 8", "--bitrate must be between 32 and 320"},
         {"render --demo -o x.wav --rate fast", "--rate wants a whole number"},
         {"render --demo -o x.wav --rate 1000", "between 8000 and 192000"},
         {"render --demo -o x.wav --loud", "unknown option '--loud'"},
@@ -100,6 +102,47 @@ TEST_F(Cli, UnwritablePathFailsAndLeavesNothing) {
     EXPECT_NE(errors.find("cannot create"), std::string::npos) << errors;
     EXPECT_NE(errors.find(target.string()), std::string::npos) << errors;
     EXPECT_FALSE(std::filesystem::exists(target.parent_path()));
+}
+
+TEST_F(Cli, AiffAndMp3FollowTheExtensionAndLameEncodes) {
+    const auto aiff = dir / "song.aif", mp3 = dir / "song.mp3", decoded = dir / "decoded.wav";
+    ASSERT_EQ(cli("render --demo -o '" + aiff.string() + "' --rate 44100 --bits 32"), 0) << errors;
+    EXPECT_EQ(sox("--i -t '" + aiff.string() + "'"), "aiff\n");
+    EXPECT_EQ(sox("--i -b '" + aiff.string() + "'"), "32\n");
+    const double seconds = std::stod(sox("--i -D '" + aiff.string() + "'"));
+
+    ASSERT_EQ(cli("render --demo -o '" + mp3.string() + "' --rate 44100 --bitrate 96"), 0) << errors;
+    EXPECT_FALSE(std::filesystem::exists(dir / "song.mp3.render.wav")) << "the WAV in between is removed";
+    ASSERT_EQ(std::system(("lame --quiet --decode '" + mp3.string() + "' '" + decoded.string() + "'").c_str()), 0);
+    // lame's own decode gives back the length, give or take a codec frame (lame may also lower the rate).
+    EXPECT_NEAR(std::stod(sox("--i -D '" + decoded.string() + "'")), seconds, 0.05);
+
+    // Without the encoder on PATH: the message, a failed exit, the old MP3 untouched and no WAV left.
+    const std::string before = readText(mp3);
+    EXPECT_EQ(cli("render --demo -o '" + mp3.string() + "'", "PATH=/nonexistent"), 1);
+    EXPECT_NE(errors.find("Could not encode file - make sure mp3 encoder is installed properly"), std::string::npos) << errors;
+    EXPECT_TRUE(readText(mp3) == before);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 7) << "the AIFF, the MP3, the decode and four logs";
+}
+
+TEST_F(Cli, InfoDescribesAudioFilesAndRefusesOthers) {
+    const std::string alsa = "/usr/share/sounds/alsa/Front_Center.wav";
+    ASSERT_EQ(cli("info " + alsa), 0) << errors;
+    const std::string out = readText(dir / "out.txt");
+    EXPECT_NE(out.find("format:   WAV, 16 bit integer"), std::string::npos) << out;
+    EXPECT_NE(out.find("rate:     " + std::to_string(std::stol(sox("--i -r " + alsa))) + " Hz"), std::string::npos) << out;
+    EXPECT_NE(out.find("frames:   " + std::to_string(std::stol(sox("--i -s " + alsa)))), std::string::npos) << out;
+    EXPECT_NE(out.find("channels: 1 (mono)"), std::string::npos) << out;
+
+    const auto text = dir / "notes.txt";
+    std::ofstream(text) << "not audio at all";
+    EXPECT_EQ(cli("info '" + text.string() + "'"), 1);
+    EXPECT_NE(errors.find("not a kind of file"), std::string::npos) << errors;
+    const auto eight = dir / "eight.wav";
+    sox("-n -b 8 '" + eight.string() + "' synth 0.01 sine 100");
+    EXPECT_EQ(cli("info '" + eight.string() + "'"), 1);
+    EXPECT_NE(errors.find("8 bit"), std::string::npos) << errors;
+    EXPECT_EQ(cli("info '" + (dir / "missing.wav").string() + "'"), 1);
 }
 
 }  // namespace

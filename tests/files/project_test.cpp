@@ -272,11 +272,11 @@ TEST(Project, AnOpenedSongRendersBitForBitLikeTheSongItWasSavedFrom) {
 
     const auto dir = std::filesystem::temp_directory_path() / ("vantrell_project_render_" + std::to_string(std::random_device{}()));
     std::filesystem::create_directories(dir);
-    const files::WavFormat format{44100, 2, files::SampleFormat::float32};
+    const files::AudioFormat format{44100, 2, files::SampleFormat::float32};
     // Ten bars reach past the tempo change and keep the sanitizer runs short.
     const int32_t renderTicks = 10 * 4 * 960;
     const auto render = [&](CQV& which, const char* name) {
-        files::WavWriter writer(dir / name, format);
+        files::AudioWriter writer(dir / name, format);
         files::renderOffline(which, {0, renderTicks}, writer);
         writer.commit();
         return fileBytes(dir / name);

@@ -16,7 +16,7 @@
 namespace {
 
 using files::SampleFormat;
-using files::WavWriter;
+using files::AudioWriter;
 
 class Render : public ::testing::Test {
 protected:
@@ -68,7 +68,7 @@ TEST_F(Render, LengthFollowsTheTempoAndTheEngineIsGivenBack) {
     };
     // 1920 ticks a second at 120 BPM.
     for (const Row& row : {Row{48000, 3840, 96000}, Row{44100, 960, 22050}, Row{22050, 1000, 11484}}) {
-        WavWriter writer(dir / "t.wav", {row.rate, 2, SampleFormat::float32});
+        AudioWriter writer(dir / "t.wav", {row.rate, 2, SampleFormat::float32});
         const auto result = files::renderOffline(tone.engine, {0, row.lengthTicks}, writer);
         EXPECT_EQ(result.frames, row.frames) << row.rate;
         EXPECT_EQ(writer.frames(), row.frames);
@@ -82,7 +82,7 @@ TEST_F(Render, WritesTheFirstOutputClippedAndReportsThePeak) {
     Tone tone;
     tone.sampler->currentProgram()->layers.getAt(0)->sounds.getAt(0)->volume = 40.0f;  // far beyond full scale
     const auto path = dir / "loud.wav";
-    WavWriter writer(path, {48000, 2, SampleFormat::float32});
+    AudioWriter writer(path, {48000, 2, SampleFormat::float32});
     tone.engine.beginCycle(1);
     tone.in->firstOutputPort()->addEvent(0.0, packMIDI(0x90, 60, 127));
     tone.engine.process(1);
@@ -100,7 +100,7 @@ TEST_F(Render, ProgressRisesToOneAndCanCancel) {
     Tone tone;
     std::vector<double> seen;
     {
-        WavWriter writer(dir / "p.wav", {48000, 2, SampleFormat::int16});
+        AudioWriter writer(dir / "p.wav", {48000, 2, SampleFormat::int16});
         const auto result = files::renderOffline(tone.engine, {0, 3840 * 4}, writer, [&](double done) {
             seen.push_back(done);
             return true;
@@ -111,7 +111,7 @@ TEST_F(Render, ProgressRisesToOneAndCanCancel) {
     for (size_t i = 1; i < seen.size(); ++i) EXPECT_GT(seen[i], seen[i - 1]);
     EXPECT_EQ(seen.back(), 1.0);
 
-    WavWriter writer(dir / "c.wav", {48000, 2, SampleFormat::int16});
+    AudioWriter writer(dir / "c.wav", {48000, 2, SampleFormat::int16});
     const auto cancelled = files::renderOffline(tone.engine, {0, 3840 * 4}, writer, [](double) { return false; });
     EXPECT_TRUE(cancelled.cancelled);
     EXPECT_LT(cancelled.frames, 40000);
@@ -130,7 +130,7 @@ TEST_F(Render, FramesOfTheDelayCompensationAreDropped) {
         testgraph::connectAudio(*source, *stage);
         testgraph::connectAudio(*stage, *out);
         engine.raise(change::latency);  // as an edit of the graph does; the render's first cycle sees it
-        WavWriter writer(dir / name, {48000, 2, SampleFormat::float32});
+        AudioWriter writer(dir / name, {48000, 2, SampleFormat::float32});
         const auto result = files::renderOffline(engine, {0, 960}, writer);
         writer.commit();
         EXPECT_EQ(result.frames, 24000);
@@ -146,14 +146,14 @@ TEST_F(Render, FramesOfTheDelayCompensationAreDropped) {
 
 TEST_F(Render, NoAudioOutputIsAnError) {
     CQV engine(EngineOptions{false, 1});
-    WavWriter writer(dir / "n.wav", {48000, 2, SampleFormat::int16});
+    AudioWriter writer(dir / "n.wav", {48000, 2, SampleFormat::int16});
     EXPECT_THROW(files::renderOffline(engine, {0, 960}, writer), files::FileError);
 }
 
 TEST_F(Render, DemoSongFollowsItsTempoChangeAndSounds) {
     demo::DemoSong song(48000.0);
     const auto path = dir / "demo.wav";
-    WavWriter writer(path, {48000, 2, SampleFormat::float32});
+    AudioWriter writer(path, {48000, 2, SampleFormat::float32});
     const auto result = files::renderOffline(song.engine, {0, song.lengthTicks()}, writer);
     writer.commit();
     // Eight bars at 100 BPM, then the rest at 124; the change lands on a block boundary.

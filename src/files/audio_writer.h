@@ -1,5 +1,6 @@
 #pragma once
-// WAV output: 16 or 24 bit integer or 32 bit float, little-endian, one or two channels.
+// Audio file output: WAV of 16 or 24 bit integers or 32 bit floats, little-endian, and AIFF of 16, 24 or
+// 32 bit integers, big-endian; one or two channels.
 //
 // The writer works on a temporary file beside the target and only renames it over the target once
 // every frame and the final header are on disk, so a failed or abandoned write never damages the file
@@ -15,15 +16,21 @@
 
 namespace files {
 
-enum class SampleFormat { int16, int24, float32 };
+enum class SampleFormat { int16, int24, int32, float32 };
+enum class FileType { wav, aiff };
 
-struct WavFormat {
+struct AudioFormat {
     int32_t rate = 44100;
     int32_t channels = 2;
     SampleFormat sample = SampleFormat::int16;
+    FileType type = FileType::wav;
 };
 
 int32_t bitsOf(SampleFormat sample);
+// AIFF when the path holds ".aif" in any case, else WAV.
+FileType fileTypeOf(const std::filesystem::path& path);
+// Whether the file type stores this sample format: WAV has no 32 bit integers, AIFF no floats.
+bool stores(FileType type, SampleFormat sample);
 
 // Any failure to create, write or replace a file; what() names the path.
 class FileError : public std::runtime_error {
@@ -32,27 +39,30 @@ public:
 };
 
 constexpr int32_t wavHeaderBytes = 44;
-std::array<uint8_t, wavHeaderBytes> wavHeader(const WavFormat& format, uint32_t frames);
+constexpr int32_t aiffHeaderBytes = 54;
+std::array<uint8_t, wavHeaderBytes> wavHeader(const AudioFormat& format, uint32_t frames);
+std::array<uint8_t, aiffHeaderBytes> aiffHeader(const AudioFormat& format, uint32_t frames);
 
 // The integer frame values: clipped to -1..1, scaled, rounded half away from zero. NaN writes 0.
 int16_t toInt16(float x);
 int32_t toInt24(float x);
+int32_t toInt32(float x);
 
-class WavWriter {
+class AudioWriter {
 public:
     // Creates the temporary file and writes a header with no frames. Throws FileError.
-    WavWriter(std::filesystem::path target, WavFormat format);
+    AudioWriter(std::filesystem::path target, AudioFormat format);
     // Without commit the temporary file goes and the target stays as it was.
-    ~WavWriter();
-    WavWriter(const WavWriter&) = delete;
-    WavWriter& operator=(const WavWriter&) = delete;
+    ~AudioWriter();
+    AudioWriter(const AudioWriter&) = delete;
+    AudioWriter& operator=(const AudioWriter&) = delete;
 
     // Appends frames; a one-channel file takes 0.5 x (left + right). Throws FileError.
     void write(const float* left, const float* right, int32_t frames);
     // Rewrites the header with the final count, flushes, closes and renames over the target.
     void commit();
 
-    const WavFormat& format() const { return format_; }
+    const AudioFormat& format() const { return format_; }
     int64_t frames() const { return frames_; }
     const std::filesystem::path& target() const { return target_; }
 
@@ -60,12 +70,13 @@ private:
     struct Closer {
         void operator()(std::FILE* file) const { std::fclose(file); }
     };
+    void writeHeader();
     void writeBytes(const void* data, size_t size);
     [[noreturn]] void fail(const char* what) const;
 
     std::filesystem::path target_;
     std::filesystem::path temporary_;
-    WavFormat format_;
+    AudioFormat format_;
     std::unique_ptr<std::FILE, Closer> file_;
     std::vector<uint8_t> bytes_;
     int64_t frames_ = 0;

@@ -1,6 +1,8 @@
-#include "files/wav.h"
+#include "files/audio_writer.h"
 
 #include <algorithm>
+#include <bit>
+#include <cctype>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -21,6 +23,16 @@ void put32(uint8_t* at, uint32_t value) {
     put16(at + 2, value >> 16);
 }
 
+void put16be(uint8_t* at, uint32_t value) {
+    at[0] = static_cast<uint8_t>(value >> 8);
+    at[1] = static_cast<uint8_t>(value);
+}
+
+void put32be(uint8_t* at, uint32_t value) {
+    put16be(at, value >> 16);
+    put16be(at + 2, value & 0xFFFFu);
+}
+
 float clipped(float x) { return std::isnan(x) ? 0.0f : std::clamp(x, -1.0f, 1.0f); }
 
 }  // namespace
@@ -29,12 +41,24 @@ int32_t bitsOf(SampleFormat sample) {
     switch (sample) {
     case SampleFormat::int16: return 16;
     case SampleFormat::int24: return 24;
+    case SampleFormat::int32:
     case SampleFormat::float32: return 32;
     }
     return 16;
 }
 
-std::array<uint8_t, wavHeaderBytes> wavHeader(const WavFormat& format, uint32_t frames) {
+FileType fileTypeOf(const std::filesystem::path& path) {
+    std::string text = path.string();
+    for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return text.find(".AIF") != std::string::npos ? FileType::aiff : FileType::wav;
+}
+
+bool stores(FileType type, SampleFormat sample) {
+    if (type == FileType::wav) return sample != SampleFormat::int32;
+    return sample != SampleFormat::float32;
+}
+
+std::array<uint8_t, wavHeaderBytes> wavHeader(const AudioFormat& format, uint32_t frames) {
     const auto bits = static_cast<uint32_t>(bitsOf(format.sample));
     const auto channels = static_cast<uint32_t>(format.channels);
     const uint32_t frameBytes = bits / 8 * channels;
@@ -57,54 +81,89 @@ std::array<uint8_t, wavHeaderBytes> wavHeader(const WavFormat& format, uint32_t 
     return h;
 }
 
+std::array<uint8_t, aiffHeaderBytes> aiffHeader(const AudioFormat& format, uint32_t frames) {
+    const auto bits = static_cast<uint32_t>(bitsOf(format.sample));
+    const auto channels = static_cast<uint32_t>(format.channels);
+    const uint32_t bytes = frames * (bits / 8 * channels);
+    const auto rate = static_cast<uint32_t>(format.rate);
+    std::array<uint8_t, aiffHeaderBytes> h{};
+    std::memcpy(&h[0], "FORM", 4);
+    put32be(&h[4], bytes + 46);
+    std::memcpy(&h[8], "AIFF", 4);
+    std::memcpy(&h[12], "COMM", 4);
+    put32be(&h[16], 18);
+    put16be(&h[20], channels);
+    put32be(&h[22], frames);
+    put16be(&h[26], bits);
+    // The rate as an 80-bit float: exponent 16383 + the top bit's place, the mantissa from bit 63 down.
+    const int32_t top = std::bit_width(rate) - 1;
+    h[28] = 0x40;
+    h[29] = static_cast<uint8_t>(top - 1);
+    put32be(&h[30], rate << (31 - top));
+    std::memcpy(&h[38], "SSND", 4);
+    put32be(&h[42], bytes + 8);
+    return h;
+}
+
 int16_t toInt16(float x) { return static_cast<int16_t>(std::lround(clipped(x) * 32767.0f)); }
 
 int32_t toInt24(float x) { return static_cast<int32_t>(std::lround(static_cast<double>(clipped(x)) * 8388607.0)); }
 
-WavWriter::WavWriter(std::filesystem::path target, WavFormat format) : target_(std::move(target)), format_(format) {
-    if (format_.channels != 1 && format_.channels != 2) throw FileError("WAV files here have one or two channels");
+int32_t toInt32(float x) { return static_cast<int32_t>(std::lround(static_cast<double>(clipped(x)) * 2147483647.0)); }
+
+AudioWriter::AudioWriter(std::filesystem::path target, AudioFormat format) : target_(std::move(target)), format_(format) {
+    if (format_.channels != 1 && format_.channels != 2) throw FileError("audio files here have one or two channels");
     if (format_.rate <= 0) throw FileError("the sample rate must be above zero");
+    if (!stores(format_.type, format_.sample))
+        throw FileError(format_.type == FileType::wav ? "WAV files here hold 16 or 24 bit integers or 32 bit floats"
+                                                      : "AIFF files hold 16, 24 or 32 bit integers");
     temporary_ = target_;
     temporary_ += ".partial";
     file_.reset(std::fopen(temporary_.c_str(), "wb"));
     if (!file_) fail("cannot create");
-    const auto header = wavHeader(format_, 0);
-    if (std::fwrite(header.data(), 1, header.size(), file_.get()) != header.size()) {
+    try {
+        writeHeader();
+    } catch (const FileError&) {
         file_.reset();
         std::error_code ignored;
         std::filesystem::remove(temporary_, ignored);
-        fail("cannot write");
+        throw;
     }
 }
 
-WavWriter::~WavWriter() {
+AudioWriter::~AudioWriter() {
     if (committed_) return;
     file_.reset();
     std::error_code ignored;
     std::filesystem::remove(temporary_, ignored);
 }
 
-void WavWriter::write(const float* left, const float* right, int32_t frames) {
+void AudioWriter::write(const float* left, const float* right, int32_t frames) {
     if (frames <= 0) return;
     const int32_t bits = bitsOf(format_.sample);
     const size_t sampleBytes = static_cast<size_t>(bits / 8);
     const size_t frameBytes = sampleBytes * static_cast<size_t>(format_.channels);
-    constexpr int64_t maxDataBytes = std::numeric_limits<uint32_t>::max() - 36;
-    if ((frames_ + frames) * static_cast<int64_t>(frameBytes) > maxDataBytes) fail("too long for a WAV file:");
+    constexpr int64_t maxDataBytes = std::numeric_limits<uint32_t>::max() - 46;
+    if ((frames_ + frames) * static_cast<int64_t>(frameBytes) > maxDataBytes) fail("too long for an audio file:");
+    const bool big = format_.type == FileType::aiff;
     bytes_.resize(static_cast<size_t>(frames) * frameBytes);
     uint8_t* out = bytes_.data();
     const auto store = [&](float x) {
         switch (format_.sample) {
         case SampleFormat::int16:
-            put16(out, static_cast<uint16_t>(toInt16(x)));
+            if (big) put16be(out, static_cast<uint16_t>(toInt16(x)));
+            else put16(out, static_cast<uint16_t>(toInt16(x)));
             break;
         case SampleFormat::int24: {
             const auto v = static_cast<uint32_t>(toInt24(x));
-            out[0] = static_cast<uint8_t>(v);
+            out[big ? 2 : 0] = static_cast<uint8_t>(v);
             out[1] = static_cast<uint8_t>(v >> 8);
-            out[2] = static_cast<uint8_t>(v >> 16);
+            out[big ? 0 : 2] = static_cast<uint8_t>(v >> 16);
             break;
         }
+        case SampleFormat::int32:
+            put32be(out, static_cast<uint32_t>(toInt32(x)));
+            break;
         case SampleFormat::float32: {
             uint32_t v = 0;
             std::memcpy(&v, &x, 4);
@@ -126,11 +185,20 @@ void WavWriter::write(const float* left, const float* right, int32_t frames) {
     frames_ += frames;
 }
 
-void WavWriter::commit() {
+void AudioWriter::writeHeader() {
+    if (format_.type == FileType::aiff) {
+        const auto header = aiffHeader(format_, static_cast<uint32_t>(frames_));
+        writeBytes(header.data(), header.size());
+    } else {
+        const auto header = wavHeader(format_, static_cast<uint32_t>(frames_));
+        writeBytes(header.data(), header.size());
+    }
+}
+
+void AudioWriter::commit() {
     if (committed_) return;
     if (std::fseek(file_.get(), 0, SEEK_SET) != 0) fail("cannot seek in");
-    const auto header = wavHeader(format_, static_cast<uint32_t>(frames_));
-    writeBytes(header.data(), header.size());
+    writeHeader();
     if (std::fflush(file_.get()) != 0) fail("cannot write");
     if (std::fclose(file_.release()) != 0) fail("cannot close");
     std::error_code error;
@@ -139,11 +207,11 @@ void WavWriter::commit() {
     committed_ = true;
 }
 
-void WavWriter::writeBytes(const void* data, size_t size) {
+void AudioWriter::writeBytes(const void* data, size_t size) {
     if (std::fwrite(data, 1, size, file_.get()) != size) fail("cannot write");
 }
 
-void WavWriter::fail(const char* what) const {
+void AudioWriter::fail(const char* what) const {
     throw FileError(std::string(what) + " " + target_.string());
 }
 

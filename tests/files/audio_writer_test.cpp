@@ -10,13 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "files/wav.h"
+#include "files/audio_writer.h"
 
 namespace {
 
 using files::SampleFormat;
-using files::WavFormat;
-using files::WavWriter;
+using files::AudioFormat;
+using files::AudioWriter;
 
 std::vector<uint8_t> readBytes(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
@@ -53,7 +53,7 @@ uint32_t le32(const std::vector<uint8_t>& b, size_t at) {
 }
 
 TEST(WavHeader, StereoSixteenBitLayout) {
-    const auto h = files::wavHeader(WavFormat{48000, 2, SampleFormat::int16}, 10);
+    const auto h = files::wavHeader(AudioFormat{48000, 2, SampleFormat::int16}, 10);
     const std::vector<uint8_t> expected = {
         'R', 'I', 'F', 'F', 76, 0, 0, 0,                                   // 40 data bytes + 36
         'W', 'A', 'V', 'E', 'f', 'm', 't', ' ', 16, 0, 0, 0,
@@ -67,7 +67,7 @@ TEST(WavHeader, StereoSixteenBitLayout) {
 
 TEST(WavHeader, FormatTagRatesAndAlignFollowTheSampleFormat) {
     struct Row {
-        WavFormat format;
+        AudioFormat format;
         uint32_t frames;
         uint16_t tag, align, bits;
         uint32_t byteRate, dataBytes;
@@ -90,6 +90,19 @@ TEST(WavHeader, FormatTagRatesAndAlignFollowTheSampleFormat) {
         EXPECT_EQ(h[34] | h[35] << 8, row.bits);
         EXPECT_EQ(le32(h, 40), row.dataBytes);
     }
+}
+
+TEST(AiffHeader, RateAsEightyBitFloatAndBigEndianCounts) {
+    const auto h = files::aiffHeader(AudioFormat{44100, 2, SampleFormat::int24, files::FileType::aiff}, 3);
+    const std::vector<uint8_t> expected = {
+        'F', 'O', 'R', 'M', 0, 0, 0, 18 + 46, 'A', 'I', 'F', 'F', 'C', 'O', 'M', 'M', 0, 0, 0, 18,
+        0, 2, 0, 0, 0, 3, 0, 24,                                      // channels, frames, bits
+        0x40, 0x0E, 0xAC, 0x44, 0, 0, 0, 0, 0, 0,                     // 44100 as an 80-bit float
+        'S', 'S', 'N', 'D', 0, 0, 0, 18 + 8, 0, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(std::vector<uint8_t>(h.begin(), h.end()), expected);
+    EXPECT_EQ(files::fileTypeOf("/x/Song.AIF"), files::FileType::aiff);
+    EXPECT_EQ(files::fileTypeOf("/x/song.aiff"), files::FileType::aiff);
+    EXPECT_EQ(files::fileTypeOf("/x/song.wav"), files::FileType::wav);
 }
 
 TEST(WavConversion, ClipScaleAndRoundHalfAwayFromZero) {
@@ -118,7 +131,7 @@ TEST(WavConversion, ClipScaleAndRoundHalfAwayFromZero) {
 
 TEST_F(WavFile, WrittenBytesFollowTheHeader) {
     const auto path = dir / "t.wav";
-    WavWriter writer(path, {8000, 2, SampleFormat::int24});
+    AudioWriter writer(path, {8000, 2, SampleFormat::int24});
     const float left[] = {0.5f, -1.0f}, right[] = {2.0f, -0.25f};
     writer.write(left, right, 2);
     writer.commit();
@@ -132,7 +145,7 @@ TEST_F(WavFile, WrittenBytesFollowTheHeader) {
 
 TEST_F(WavFile, OneChannelTakesTheMeanAndFloatKeepsTheBits) {
     const auto path = dir / "m.wav";
-    WavWriter writer(path, {8000, 1, SampleFormat::float32});
+    AudioWriter writer(path, {8000, 1, SampleFormat::float32});
     const float left[] = {0.75f, 3.0f}, right[] = {0.25f, 1.0f};
     writer.write(left, right, 2);
     writer.commit();
@@ -148,7 +161,7 @@ TEST_F(WavFile, AbandonedWriteLeavesTheOldFile) {
     const auto path = dir / "keep.wav";
     std::ofstream(path) << "what the user had";
     {
-        WavWriter writer(path, {44100, 2, SampleFormat::int16});
+        AudioWriter writer(path, {44100, 2, SampleFormat::int16});
         const float zero[4] = {};
         writer.write(zero, zero, 4);
     }
@@ -161,7 +174,7 @@ TEST_F(WavFile, AbandonedWriteLeavesTheOldFile) {
 TEST_F(WavFile, CommitReplacesTheOldFile) {
     const auto path = dir / "replace.wav";
     std::ofstream(path) << "old";
-    WavWriter writer(path, {44100, 2, SampleFormat::int16});
+    AudioWriter writer(path, {44100, 2, SampleFormat::int16});
     const float one[1] = {0.25f};
     writer.write(one, one, 1);
     writer.commit();
@@ -169,7 +182,7 @@ TEST_F(WavFile, CommitReplacesTheOldFile) {
 }
 
 TEST_F(WavFile, UnwritablePathThrows) {
-    EXPECT_THROW(WavWriter(dir / "missing" / "x.wav", {44100, 2, SampleFormat::int16}), files::FileError);
+    EXPECT_THROW(AudioWriter(dir / "missing" / "x.wav", {44100, 2, SampleFormat::int16}), files::FileError);
 }
 
 // sox reads the files back with the rate, channel count, length and values written.
@@ -178,11 +191,15 @@ TEST_F(WavFile, SoxReadsEveryFormat) {
         SampleFormat sample;
         int32_t channels;
         const char* rawType;  // how sox writes raw samples back
+        files::FileType type = files::FileType::wav;
     };
     const Row rows[] = {
         {SampleFormat::int16, 2, "-e signed -b 16"},
         {SampleFormat::int24, 1, "-e signed -b 24"},
         {SampleFormat::float32, 2, "-e float -b 32"},
+        {SampleFormat::int16, 1, "-e signed -b 16", files::FileType::aiff},
+        {SampleFormat::int24, 2, "-e signed -b 24", files::FileType::aiff},
+        {SampleFormat::int32, 2, "-e signed -b 32", files::FileType::aiff},
     };
     constexpr int32_t frames = 1000;
     std::vector<float> left(frames), right(frames);
@@ -192,8 +209,8 @@ TEST_F(WavFile, SoxReadsEveryFormat) {
     }
     int index = 0;
     for (const Row& row : rows) {
-        const auto path = dir / ("s" + std::to_string(index++) + ".wav");
-        WavWriter writer(path, {32000, row.channels, row.sample});
+        const auto path = dir / ("s" + std::to_string(index++) + (row.type == files::FileType::aiff ? ".aiff" : ".wav"));
+        AudioWriter writer(path, {32000, row.channels, row.sample, row.type});
         writer.write(left.data(), right.data(), frames);
         writer.commit();
         const auto info = dir / "info.txt";
@@ -219,6 +236,13 @@ TEST_F(WavFile, SoxReadsEveryFormat) {
                     if (v & 0x800000) v -= 0x1000000;
                     ASSERT_EQ(v, files::toInt24(x));
                     data += 3;
+                    break;
+                }
+                case SampleFormat::int32: {
+                    int32_t v = 0;
+                    std::memcpy(&v, data, 4);
+                    ASSERT_EQ(v, files::toInt32(x));
+                    data += 4;
                     break;
                 }
                 case SampleFormat::float32: {

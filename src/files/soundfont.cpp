@@ -316,7 +316,7 @@ private:
         zone.sample = static_cast<int32_t>(sampleIndex);
         const int32_t pitch = sample.originalPitch > 127 ? 60 : sample.originalPitch;
         zone.rootKey = std::clamp((state.rootOverride >= 0 && state.rootOverride <= 127 ? state.rootOverride : pitch) - state.coarse, -127, 254);
-        zone.fine = static_cast<float>(state.fine + sample.pitchCorrection) * 0.01f;
+        zone.fine = static_cast<float>(std::clamp(state.fine, -99, 99) + sample.pitchCorrection) * 0.01f;
         zone.pan = std::clamp(static_cast<float>(state.pan) / 500.0f, -1.0f, 1.0f);
         zone.keyLow = state.keyLow;
         zone.keyHigh = std::min(state.keyHigh, 127);

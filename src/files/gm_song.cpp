@@ -1,0 +1,165 @@
+#include "files/gm_song.h"
+
+#include <algorithm>
+#include <map>
+#include <vector>
+
+#include "engine/io.h"
+#include "files/midi.h"
+#include "files/soundfont_import.h"
+#include "seq/seq.h"
+#include "sound/sampler.h"
+
+namespace files {
+
+namespace {
+
+constexpr int32_t drumChannel = 9;
+constexpr int32_t drumBank = 128;
+constexpr int32_t tailTicks = 2 * 2 * ticksPerQuarter;  // two seconds at 120 BPM
+constexpr int32_t channelVolume = 7;
+// Sixteen channels at full level pass full scale: each sampler's fader stands at -12 dB.
+constexpr float faderPosition = 0.5f;
+
+struct Event {
+    int64_t tick;
+    uint32_t message;
+    int32_t duration;
+};
+
+// The events of every imported part, in time order; equal ticks keep the order of the tracks.
+std::vector<Event> gatherEvents(const CSeqProg& prog) {
+    std::vector<Event> events;
+    for (const CSongTrack* songTrack : prog.songTracks) {
+        for (const CPart* part : songTrack->parts) {
+            int64_t tick = int64_t{part->start} + part->offset;
+            for (const CEventRec* e = part->getEvents(); e; e = e->next) {
+                tick += e->delta;
+                if (const auto* midi = dynamic_cast<const CMIDIEventRec*>(e))
+                    events.push_back({tick, midi->message, midi->duration});
+            }
+        }
+    }
+    std::stable_sort(events.begin(), events.end(), [](const Event& a, const Event& b) { return a.tick < b.tick; });
+    return events;
+}
+
+// The preset a channel's bank and program select, falling back as a General MIDI player does: the same
+// program in the main bank, then the first preset of the main or drum bank, then the first there is.
+const SoundFontPreset* choosePreset(const SoundFontBank& bank, int32_t channel, int32_t bankNumber, int32_t program) {
+    if (channel == drumChannel) {
+        if (const auto* p = bank.find(drumBank, program)) return p;
+        if (const auto* p = bank.find(drumBank, 0)) return p;
+        if (!bank.drums.empty()) return &bank.presets[static_cast<size_t>(bank.drums.front())];
+    } else {
+        if (const auto* p = bank.find(bankNumber, program)) return p;
+        if (const auto* p = bank.find(0, program)) return p;
+        if (!bank.melodic.empty()) return &bank.presets[static_cast<size_t>(bank.melodic.front())];
+    }
+    return bank.presets.empty() ? nullptr : &bank.presets.front();
+}
+
+// One track and its sampler: the notes of one channel on one preset.
+struct VoiceTrack {
+    CMIDIPart* part = nullptr;
+    CEventRec* tail = nullptr;
+    int64_t tailTick = 0;
+
+    void append(int64_t tick, uint32_t message, int32_t duration) {
+        auto* event = new CMIDIEventRec();
+        event->message = message;
+        event->duration = duration;
+        event->delta = static_cast<uint32_t>(tick - tailTick);
+        tailTick = tick;
+        if (tail) tail->next = event;
+        else part->events = event;
+        tail = event;
+    }
+};
+
+}  // namespace
+
+GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& bank) : engine(EngineOptions{false, 1}) {
+    registerSoundComponents();
+    engine.setSampleRate(sampleRate);
+    engine.setLoop(false);
+
+    auto* seq = new CSeq(&engine);
+    seq->createPorts();
+    engine.addComp(seq);
+    auto* out = new CAudioOut(&engine);
+    out->createPorts();
+    engine.addComp(out);
+
+    const MidiImport imported = importMIDI(*seq, nullptr, midiPath, nullptr, 0);
+    if (!imported.isMidi) throw SongError(std::string("not a MIDI file: ") + midiPath.c_str());
+    CSeqProg& prog = *seq->currentProg();
+    const std::vector<Event> events = gatherEvents(prog);
+    // The imported tracks stay, empty: their notes move to the tracks made below.
+    for (CSongTrack* songTrack : prog.songTracks) songTrack->parts.deleteAll();
+
+    // Which preset each note plays, by the bank and program of its channel at its tick.
+    std::vector<const SoundFontPreset*> presetOf(events.size(), nullptr);
+    int32_t programs[16] = {};
+    int32_t banks[16] = {};
+    int64_t end = 0;
+    for (size_t i = 0; i < events.size(); ++i) {
+        const Event& e = events[i];
+        const uint32_t kind = e.message & 0xF0, channel = e.message & 0x0F, data1 = (e.message >> 8) & 0x7F;
+        if (kind == 0xB0 && data1 == 0) banks[channel] = static_cast<int32_t>((e.message >> 16) & 0x7F);
+        if (kind == 0xC0) programs[channel] = static_cast<int32_t>(data1);
+        if ((e.message & 0xF0) == 0x90 && (e.message >> 16) != 0) {
+            presetOf[i] = choosePreset(bank, static_cast<int32_t>(channel), banks[channel], programs[channel]);
+            end = std::max(end, e.tick + std::max(e.duration, 1));
+            ++notes_;
+        }
+    }
+
+    // A track and a sampler for each channel and preset, in the order of their first note.
+    std::map<std::pair<uint32_t, const SoundFontPreset*>, VoiceTrack> voices;
+    std::vector<std::vector<VoiceTrack*>> byChannel(16);
+    lengthTicks_ = static_cast<int32_t>(std::min<int64_t>(end + tailTicks, int64_t{1} << 30));
+    for (size_t i = 0; i < events.size(); ++i) {
+        if (!presetOf[i]) continue;
+        const uint32_t channel = events[i].message & 0x0F;
+        auto [at, fresh] = voices.try_emplace({channel, presetOf[i]});
+        if (!fresh) continue;
+        CTrack* track = addTrack(*seq, trackInstrument, nullptr, -1);
+        track->channel = -1;
+        track->name = presetOf[i]->name.c_str();
+        auto* sampler = new CSampler(&engine);
+        sampler->createBasePorts();
+        engine.addComp(sampler);
+        CSynthProg* program = makeSoundFontProgram(*sampler, bank, *presetOf[i]);
+        for (CLayer* layer : program->layers)
+            for (CSound* sound : layer->sounds) sound->ccMap[channelVolume] = targetVolume;
+        sampler->programs.add(program);
+        sampler->firstOutputChannel()->volume = faderPosition;
+        sampler->midiCablesIn.add(makeMIDICable(sampler, track->firstOutputPort(), sampler->firstInputPort()));
+        out->audioCablesIn.add(makeAudioCable(out, sampler->firstOutputChannel(), out->firstInputChannel()));
+
+        CSongTrack& songTrack = *prog.songTrackOf(track);
+        auto* part = new CMIDIPart();
+        part->start = 0;
+        part->length = lengthTicks_;
+        part->songTrack = &songTrack;
+        songTrack.parts.add(part);
+        at->second.part = part;
+        byChannel[channel].push_back(&at->second);
+        ++samplers_;
+        presets_.push_back(presetOf[i]);
+    }
+
+    // Notes to their own track; what else a channel says, to all of its tracks.
+    for (size_t i = 0; i < events.size(); ++i) {
+        const Event& e = events[i];
+        const uint32_t kind = e.message & 0xF0, channel = e.message & 0x0F;
+        if (presetOf[i]) {
+            voices[{channel, presetOf[i]}].append(e.tick, e.message, e.duration);
+        } else if (kind == 0xB0 || kind == 0xD0 || kind == 0xE0 || kind == 0xA0) {
+            for (VoiceTrack* voice : byChannel[channel]) voice->append(e.tick, e.message, e.duration);
+        }
+    }
+}
+
+}  // namespace files

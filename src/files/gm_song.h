@@ -1,0 +1,45 @@
+#pragma once
+// A General MIDI file played through a SoundFont: the file is imported into a sequencer, then its notes
+// are dealt out to one instrument track and sampler for each channel and preset the file asks for, since
+// a sampler plays one program and takes no program changes. Program and bank-select changes choose the
+// preset of the notes that follow them on their channel; channel 10 plays bank 128, the drum kits.
+// Controllers, pitch wheel and pressure go to every track of their channel.
+
+#include <cstdint>
+#include <stdexcept>
+#include <vector>
+
+#include "engine/engine.h"
+#include "files/soundfont.h"
+
+namespace files {
+
+class SongError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class GmSong {
+public:
+    // Throws SongError when the MIDI file can't be read.
+    GmSong(double sampleRate, const CString& midiPath, const files::SoundFontBank& bank);
+    GmSong(const GmSong&) = delete;
+    GmSong& operator=(const GmSong&) = delete;
+
+    // The last note's end and two seconds at 120 BPM more for the releases.
+    int32_t lengthTicks() const { return lengthTicks_; }
+    int32_t samplerCount() const { return samplers_; }
+    int32_t noteCount() const { return notes_; }
+    // The preset of each sampler, in the order the samplers were made.
+    const std::vector<const SoundFontPreset*>& presets() const { return presets_; }
+
+    CQV engine;
+
+private:
+    int32_t lengthTicks_ = 0;
+    int32_t samplers_ = 0;
+    int32_t notes_ = 0;
+    std::vector<const SoundFontPreset*> presets_;
+};
+
+}  // namespace files

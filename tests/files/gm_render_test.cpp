@@ -1,0 +1,183 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "engine/undo.h"
+#include "files/gm_song.h"
+#include "engine/io.h"
+#include "files/soundfont_import.h"
+#include "sound/sampler.h"
+#include "sound/wav_sound.h"
+
+namespace {
+
+const std::filesystem::path fonts = "/usr/share/sounds/sf2";
+const std::filesystem::path mmaExamples = "/usr/share/doc/mma/examples";
+
+struct SamplerRig {
+    SamplerRig() : engine(EngineOptions{false, 1}) {
+        registerSoundComponents();
+        engine.setSampleRate(48000.0);
+        sampler = new CSampler(&engine);
+        sampler->createBasePorts();
+        engine.addComp(sampler);
+    }
+    // The peak of a note held for a third of a second at the first key and velocity the program's first
+    // sound takes; some samples swell from silence.
+    float play(int32_t program) {
+        sampler->setProgram(program);
+        const CSound& sound = *sampler->currentProgram()->layers.getAt(0)->sounds.getAt(0);
+        sampler->postEvent(packMIDI(0x90, static_cast<uint8_t>(sound.keyLow), static_cast<uint8_t>(std::max(sound.velHigh, 1))));
+        float peak = 0.0f;
+        for (int32_t block = 0; block < 16; ++block) {
+            sampler->beginCycle(1024);
+            sampler->processBlock(1024);
+            const COutputChannel& out = *sampler->firstOutputChannel();
+            for (int32_t i = 0; i < 1024; ++i) peak = std::max({peak, std::abs(out.left()[i]), std::abs(out.right()[i])});
+        }
+        sampler->postEvent(packMIDI(0xB0, 123, 0));
+        sampler->beginCycle(1024);
+        sampler->processBlock(1024);
+        return peak;
+    }
+    CQV engine;
+    CSampler* sampler;
+};
+
+TEST(SoundFontImport, EveryPresetOfTheDebianFontsImportsAndSounds) {
+    for (const char* name : {"TimGM6mb.sf2", "FluidR3_GM.sf2"}) {
+        SCOPED_TRACE(name);
+        const auto path = fonts / name;
+        if (!std::filesystem::exists(path)) GTEST_SKIP() << "scripts/bootstrap installs the SoundFonts";
+        files::SoundFontBank bank;
+        ASSERT_TRUE(files::readSoundFont(bank, CString(path.c_str())));
+        SamplerRig rig;
+        const int32_t made = files::importSoundFont(*rig.sampler, CString(path.c_str()), nullptr);
+        ASSERT_EQ(made, static_cast<int32_t>(bank.presets.size()));
+        ASSERT_EQ(rig.sampler->programs.count(), made);
+        for (int32_t p = 0; p < made; ++p) {
+            const auto& prog = *static_cast<CSynthProg*>(rig.sampler->programs.getAt(p));
+            SCOPED_TRACE(prog.name.c_str());
+            EXPECT_STREQ(prog.name.c_str(), bank.presets[static_cast<size_t>(p)].name.c_str());
+            ASSERT_FALSE(prog.layers.getAt(0)->sounds.empty());
+            // Each sound's clip is the zone's own frames, copied out of the bank, with its root key.
+            const auto& sound = static_cast<const CWavSound&>(*prog.layers.getAt(0)->sounds.getAt(0));
+            ASSERT_TRUE(sound.canPlay());
+            const CSampleClip& clip = *sound.sample[0];
+            EXPECT_EQ(clip.bits, 16);
+            EXPECT_EQ(clip.channels, 1);
+            EXPECT_LT(clip.loopStart, std::max(clip.frames, 1));
+            EXPECT_GT(rig.play(p), 0.0f);
+        }
+        // Clips that zones share are made once.
+        EXPECT_LT(rig.sampler->samplePool.count(), [&] {
+            int32_t sounds = 0;
+            for (CObject* prog : rig.sampler->programs) sounds += static_cast<CSynthProg*>(prog)->layers.getAt(0)->sounds.count();
+            return sounds;
+        }());
+    }
+}
+
+TEST(SoundFontImport, ThroughAnUndoStepAndRefusingWhatIsNoFont) {
+    const auto path = fonts / "TimGM6mb.sf2";
+    if (!std::filesystem::exists(path)) GTEST_SKIP() << "scripts/bootstrap installs the SoundFonts";
+    SamplerRig rig;
+    CUndo* step = beginUndo(rig.engine, "Import", rig.sampler, 0);
+    const int32_t made = files::importSoundFont(*rig.sampler, CString(path.c_str()), step);
+    ASSERT_GT(made, 100);
+    EXPECT_TRUE(rig.sampler->programs.empty());
+    EXPECT_TRUE(rig.sampler->samplePool.empty());
+    step->apply(rig.engine);
+    EXPECT_EQ(rig.sampler->programs.count(), made);
+    EXPECT_FALSE(rig.sampler->samplePool.empty());
+    step->revert(rig.engine);
+    EXPECT_TRUE(rig.sampler->programs.empty());
+    delete step;
+
+    std::string error;
+    EXPECT_EQ(files::importSoundFont(*rig.sampler, CString((mmaExamples / "midi-inc/drum.mid").c_str()), nullptr, &error), -1);
+    EXPECT_FALSE(error.empty());
+    EXPECT_TRUE(rig.sampler->programs.empty());
+}
+
+class GmRender : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!std::filesystem::exists(fonts / "TimGM6mb.sf2") || !std::filesystem::exists(mmaExamples))
+            GTEST_SKIP() << "scripts/bootstrap installs the SoundFonts and the MIDI files";
+        ASSERT_TRUE(files::readSoundFont(bank, CString((fonts / "TimGM6mb.sf2").c_str())));
+        dir = std::filesystem::temp_directory_path() / ("vantrell_gm_" + std::to_string(std::random_device{}()));
+        std::filesystem::create_directories(dir);
+    }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+
+    // The song's output, both channels one after the other, block by block from the top.
+    std::vector<float> play(const std::filesystem::path& midi) {
+        files::GmSong song(48000.0, CString(midi.c_str()), bank);
+        CAudioOut* out = nullptr;
+        for (CComp* comp : song.engine.comps)
+            if (!out) out = dynamic_cast<CAudioOut*>(comp);
+        song.engine.setPosition(0);
+        song.engine.start();
+        std::vector<float> samples;
+        const auto blocks = static_cast<int32_t>(song.lengthTicks() / (120.0 * 16.0) * 48000.0 / 1024.0);
+        for (int32_t block = 0; block < blocks; ++block) {
+            song.engine.runCycle(1024);
+            const COutputChannel& channel = *out->firstOutputChannel();
+            samples.insert(samples.end(), channel.left(), channel.left() + 1024);
+            samples.insert(samples.end(), channel.right(), channel.right() + 1024);
+        }
+        return samples;
+    }
+
+    files::SoundFontBank bank;
+    std::filesystem::path dir;
+};
+
+TEST_F(GmRender, AMidiFileSoundsAndTwoRendersAreBitIdentical) {
+    const auto song = mmaExamples / "misc/cascade.mid";
+    const std::vector<float> first = play(song);
+    ASSERT_GT(first.size(), 96000u);
+    float peak = 0.0f;
+    for (float v : first) peak = std::max(peak, std::abs(v));
+    EXPECT_GT(peak, 0.05f);
+    EXPECT_LT(peak, 1.0f) << "the faders leave headroom";
+    EXPECT_TRUE(first == play(song)) << "renders differ";
+}
+
+TEST_F(GmRender, ProgramChangesChooseThePresetAndChannelTenTheDrums) {
+    // Format 0 at 96: piano on channel 1, then program 41 (violin); a snare on channel 10; an unknown
+    // program (bank 5) falls back to the main bank.
+    const std::vector<uint8_t> track = {
+        0x00, 0x90, 60, 100, 0x60, 0x80, 60, 0,      // piano
+        0x00, 0xC0, 40, 0x00, 0x90, 62, 100,         // violin
+        0x00, 0x99, 38, 100, 0x60, 0x89, 38, 0,      // snare
+        0x00, 0x80, 62, 0,
+        0x00, 0xB1, 0x00, 5, 0x00, 0xC1, 19,         // bank 5, program 19 on channel 2
+        0x00, 0x91, 64, 90, 0x60, 0x81, 64, 0,
+        0x00, 0xFF, 0x2F, 0x00};
+    std::vector<uint8_t> file = {'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1, 0, 96, 'M', 'T', 'r', 'k', 0, 0, 0,
+                                 static_cast<uint8_t>(track.size())};
+    file.insert(file.end(), track.begin(), track.end());
+    const auto midi = dir / "gm.mid";
+    std::ofstream(midi, std::ios::binary).write(reinterpret_cast<const char*>(file.data()), static_cast<std::streamsize>(file.size()));
+
+    files::GmSong song(48000.0, CString(midi.c_str()), bank);
+    ASSERT_EQ(song.samplerCount(), 4);
+    EXPECT_EQ(song.noteCount(), 4);
+    const auto& presets = song.presets();
+    EXPECT_EQ(presets[0], bank.find(0, 0));
+    EXPECT_EQ(presets[1], bank.find(0, 40));
+    EXPECT_EQ(presets[2], bank.find(128, 0));
+    EXPECT_EQ(presets[3], bank.find(0, 19));
+
+    EXPECT_THROW(files::GmSong(48000.0, CString((fonts / "TimGM6mb.sf2").c_str()), bank), files::SongError);
+}
+
+}  // namespace

@@ -3,7 +3,90 @@
 #include <algorithm>
 #include <array>
 
+#include "core/block_in.h"
+#include "core/stream.h"
 #include "engine/engine.h"
+
+namespace {
+
+void writeByteBlock(CStream& stream, const char* tag, int32_t value) {
+    writeBlockHeader(stream, tag, 1);
+    stream.writeU8(static_cast<uint8_t>(value));
+}
+
+void writeI32Block(CStream& stream, const char* tag, int32_t value) {
+    writeBlockHeader(stream, tag, 4);
+    stream.writeI32(value);
+}
+
+// "chs" and "devs" of the audio device components.
+void saveDeviceChannels(CStream& stream, int32_t channels, int32_t left, int32_t right) {
+    writeByteBlock(stream, "chs", channels);
+    writeBlockHeader(stream, "devs", 2);
+    stream.writeU8(static_cast<uint8_t>(left));
+    stream.writeU8(static_cast<uint8_t>(right));
+}
+
+void loadDeviceChannels(CStream& stream, int32_t end, int32_t& channels, int32_t& left, int32_t& right) {
+    CBlockReader blocks(stream, end);
+    while (blocks.next()) {
+        BlockIn in(stream, blocks.blockEnd());
+        int32_t value = 0;
+        if (blocks.is("chs") && in.u8To(value)) channels = value == 1 ? 1 : 2;
+        else if (blocks.is("devs") && in.u8To(left)) in.u8To(right);
+        blocks.skip();
+    }
+}
+
+// A signed byte: -1 takes every device.
+bool readDevice(BlockIn& in, int32_t& device) {
+    uint8_t byte = 0;
+    if (!in.u8(byte)) return false;
+    device = static_cast<int8_t>(byte);
+    return true;
+}
+
+}  // namespace
+
+void CAudioIn::load(CStream& stream, int32_t end) { loadDeviceChannels(stream, end, channels, deviceLeft, deviceRight); }
+void CAudioIn::save(CStream& stream) { saveDeviceChannels(stream, channels, deviceLeft, deviceRight); }
+void CAudioOut::load(CStream& stream, int32_t end) { loadDeviceChannels(stream, end, channels, deviceLeft, deviceRight); }
+void CAudioOut::save(CStream& stream) { saveDeviceChannels(stream, channels, deviceLeft, deviceRight); }
+
+void CMIDIIn::save(CStream& stream) {
+    writeI32Block(stream, "key", showKeyboard);
+    writeI32Block(stream, "keybHeight", keyboardHeight);
+    writeI32Block(stream, "params", showParams);
+    writeI32Block(stream, "sens", sens);
+    writeI32Block(stream, "autoq", autoq);
+    writeByteBlock(stream, "device", device);
+}
+
+void CMIDIIn::load(CStream& stream, int32_t end) {
+    CBlockReader blocks(stream, end);
+    while (blocks.next()) {
+        BlockIn in(stream, blocks.blockEnd());
+        if (blocks.is("key")) in.i32(showKeyboard);
+        else if (blocks.is("keybHeight")) in.i32(keyboardHeight);
+        else if (blocks.is("params")) in.i32(showParams);
+        else if (blocks.is("sens")) in.i32(sens);
+        else if (blocks.is("autoq")) in.i32(autoq);
+        else if (blocks.is("device")) readDevice(in, device);
+        blocks.skip();
+    }
+    sens = std::clamp(sens, 0, 100);
+}
+
+void CMIDIOut::save(CStream& stream) { writeByteBlock(stream, "device", device); }
+
+void CMIDIOut::load(CStream& stream, int32_t end) {
+    CBlockReader blocks(stream, end);
+    while (blocks.next()) {
+        BlockIn in(stream, blocks.blockEnd());
+        if (blocks.is("device")) readDevice(in, device);
+        blocks.skip();
+    }
+}
 
 void CAudioIn::createPorts() {
     addInputPort();

@@ -13,6 +13,8 @@ public:
     void createPorts() override;
     // The callback has already written the output channel.
     void process(int32_t frames) override;
+    void load(CStream& stream, int32_t end) override;
+    void save(CStream& stream) override;
 
     int32_t channels = 2;     // 1: deviceLeft feeds both sides
     int32_t deviceLeft = 0;   // indexes into the callback's input buffers
@@ -24,6 +26,8 @@ public:
     explicit CAudioOut(CQV* engine) : CComp(engine, compAudioOut) { name = "Audio Out"; }
     void createPorts() override;
     void process(int32_t frames) override;
+    void load(CStream& stream, int32_t end) override;
+    void save(CStream& stream) override;
 
     int32_t channels = 2;     // 1: the average of both sides goes to deviceLeft
     int32_t deviceLeft = 0;   // indexes into the callback's output buffers
@@ -40,6 +44,8 @@ public:
     void createPorts() override;
     void process(int32_t frames) override;
     void setPosition(double ticks) override { position = ticks; }
+    void load(CStream& stream, int32_t end) override;
+    void save(CStream& stream) override;
 
     // GUI thread: the on-screen keyboard.
     void keyEvent(int32_t key, bool down);
@@ -53,6 +59,9 @@ public:
     };
 
     int32_t heldKey = -1;
+    int32_t showKeyboard = 1;
+    int32_t keyboardHeight = -1;
+    int32_t showParams = 1;
     std::unique_ptr<CMIDIQ> guiQueue;
     Delayed delayed[maxDelayed]{};
     int32_t delayedCount = 0;
@@ -67,6 +76,8 @@ public:
     explicit CMIDIOut(CQV* engine) : CComp(engine, compMIDIOut) { name = "MIDI Out"; }
     void createPorts() override;
     void process(int32_t frames) override;
+    void load(CStream& stream, int32_t end) override;
+    void save(CStream& stream) override;
 
     int32_t device = -1;
 };

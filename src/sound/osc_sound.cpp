@@ -7,6 +7,9 @@
 #include "core/stream.h"
 #include "core/block_in.h"
 #include "sound/tables.h"
+#include "sound/voice_dsp.h"
+
+using namespace voicedsp;
 
 namespace {
 
@@ -16,23 +19,6 @@ inline double ring(double r, double x) { return r * x * x + (r - 1.0) * x; }
 // Cycles per sample of a pitch in semitones, where key 9 is 13.75 Hz (so key 69 is 440 Hz).
 inline double increment(double semitones, double sampleRate) {
     return std::exp(semitones * (1.0 / 12.0) * std::numbers::ln2) * 13.75 / sampleRate;
-}
-
-// A ramp step towards target over `chunk` samples, limited to the slew limit.
-inline float rampStep(float target, float current, int32_t chunk, float slew) {
-    return std::clamp((target - current) / static_cast<float>(chunk), -slew, slew);
-}
-
-inline void raisePeak(float y, float& peak) {
-    if (y > peak) peak = y;
-    else if (-y > peak) peak = -y;
-}
-
-// Which state a filter tap reads: 0 low, 1 band, 2 high.
-int32_t tapIndex(const float* tap, const float* band, const float* high) {
-    if (tap == band) return 1;
-    if (tap == high) return 2;
-    return 0;
 }
 
 }  // namespace
@@ -93,11 +79,7 @@ void COSCSound::process(float* outL, float* outR, SamplerVoice& voice, int32_t f
         endChunk(voice, chunk);
     }
 
-    if (voice.state == voiceSounding) {
-        for (float* state : {&voice.lowL, &voice.bandL, &voice.highL, &voice.lowR, &voice.bandR, &voice.highR,
-                             &voice.gainL, &voice.gainR, &voice.filterF})
-            if (std::fabs(*state) < 1e-10f) *state = 0.0f;
-    }
+    if (voice.state == voiceSounding) flushStates(voice);
     peakL.store(peakLeft, std::memory_order_relaxed);
     peakR.store(peakRight, std::memory_order_relaxed);
 }
@@ -199,12 +181,7 @@ void COSCSound::renderChunk(float* outL, float* outR, SamplerVoice& voice, int32
     voice.fb2 = fb2;
     voice.m3 = m3;
     voice.m4 = m4;
-    voice.lowL = left[0];
-    voice.bandL = left[1];
-    voice.highL = left[2];
-    voice.lowR = right[0];
-    voice.bandR = right[1];
-    voice.highR = right[2];
+    storeFilter(voice, left, right);
     const auto n = static_cast<float>(chunk);
     voice.gainL += n * dGainL;
     voice.gainR += n * dGainR;

@@ -7,17 +7,11 @@
 #include "core/block_in.h"
 #include "core/stream.h"
 #include "sound/sampler.h"
+#include "sound/voice_dsp.h"
+
+using namespace voicedsp;
 
 namespace {
-
-inline float rampStep(float target, float current, int32_t chunk, float slew) {
-    return std::clamp((target - current) / static_cast<float>(chunk), -slew, slew);
-}
-
-inline void raisePeak(float y, float& peak) {
-    if (y > peak) peak = y;
-    else if (-y > peak) peak = -y;
-}
 
 // The name a clip gives its sound: the file name after the last separator, extension included.
 CString clipName(const CSampleClip& clip) {
@@ -108,11 +102,7 @@ void CWavSound::process(float* outL, float* outR, SamplerVoice& voice, int32_t f
         }
     }
 
-    if (voice.state == voiceSounding) {
-        for (float* state : {&voice.lowL, &voice.bandL, &voice.highL, &voice.lowR, &voice.bandR, &voice.highR,
-                             &voice.gainL, &voice.gainR, &voice.filterF})
-            if (std::fabs(*state) < 1e-10f) *state = 0.0f;
-    }
+    if (voice.state == voiceSounding) flushStates(voice);
     holdL.store(std::max(holdL.load(std::memory_order_relaxed), std::min(peakLeft, 1.0f)), std::memory_order_relaxed);
     holdR.store(std::max(holdR.load(std::memory_order_relaxed), std::min(peakRight, 1.0f)), std::memory_order_relaxed);
     peakL.store(std::min(peakLeft, 1.0f), std::memory_order_relaxed);
@@ -136,8 +126,8 @@ void CWavSound::renderChunk(float* outL, float* outR, SamplerVoice& voice, int32
     const float damping = 1.0f - qClamped;
     float left[3] = {voice.lowL, voice.bandL, voice.highL};
     float right[3] = {voice.lowR, voice.bandR, voice.highR};
-    const int32_t tapL = voice.tapL == &voice.bandL ? 1 : voice.tapL == &voice.highL ? 2 : 0;
-    const int32_t tapR = voice.tapR == &voice.bandR ? 1 : voice.tapR == &voice.highR ? 2 : 0;
+    const int32_t tapL = tapIndex(voice.tapL, &voice.bandL, &voice.highL);
+    const int32_t tapR = tapIndex(voice.tapR, &voice.bandR, &voice.highR);
     const float* inL = voice.readL;
     const float* inR = voice.readR;
 
@@ -158,12 +148,7 @@ void CWavSound::renderChunk(float* outL, float* outR, SamplerVoice& voice, int32
         outR[i] += yR;
     }
 
-    voice.lowL = left[0];
-    voice.bandL = left[1];
-    voice.highL = left[2];
-    voice.lowR = right[0];
-    voice.bandR = right[1];
-    voice.highR = right[2];
+    storeFilter(voice, left, right);
     const auto n = static_cast<float>(chunk);
     voice.gainL += n * dGainL;
     voice.gainR += n * dGainR;

@@ -78,6 +78,8 @@ void CWavSound::process(float* outL, float* outR, SamplerVoice& voice, int32_t f
             const double left = std::trunc((voice.sampleEnd - voice.position) / voice.rate);
             chunk = static_cast<int32_t>(std::clamp(left, 0.0, static_cast<double>(chunk)));
             last = true;
+            // A loop shorter than one output frame at this rate still moves on a frame at a time.
+            if (chunk == 0 && clip->loop == loopForward && clip->loopStart < voice.sampleEnd) chunk = 1;
         }
         if (chunk > 0) {
             modulate(voice, chunk);

@@ -2,12 +2,14 @@
 // files, and the damage a file can carry. Every value is compared with sox's own decode of the file.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/temp_folder.h"
@@ -245,6 +247,34 @@ TEST(SampleFile, StreamedLongFileCrossesItsBuffersLikeTheFileInMemory) {
         position += 1000.0 * rate;
         streamed.fillWanted();
     }
+}
+
+TEST(SampleFile, ADiskThreadFillingAheadChangesNoFrame) {
+    TempFolder dir;
+    const std::string path = dir.file("long.wav");
+    sh("sox -n -r 48000 -b 16 -c 2 " + quoted(path) + " synth 3 whitenoise vol 0.5");
+    CSampleClip memory, streamed;
+    streamed.streamed = 1;
+    ASSERT_TRUE(memory.open(path.c_str()));
+    ASSERT_TRUE(streamed.open(path.c_str()));
+    std::atomic<bool> done{false};
+    std::thread disk([&] {
+        while (!done.load()) {
+            streamed.fillWanted();
+            std::this_thread::yield();
+        }
+    });
+    std::vector<float> scratch(4096), l1(512), r1(512), l2(512), r2(512);
+    for (double position = 0.0; position < memory.frames; position += 512.0 * 1.01) {
+        memory.readInterpolated(0, 512, l1.data(), r1.data(), position, 1.01f, scratch.data(), 4096, 0, 0, memory.frames);
+        streamed.readInterpolated(0, 512, l2.data(), r2.data(), position, 1.01f, scratch.data(), 4096, 0, 0, streamed.frames);
+        if (l1 != l2 || r1 != r2) {
+            ADD_FAILURE() << "frames differ at " << position;
+            break;
+        }
+    }
+    done.store(true);
+    disk.join();
 }
 
 TEST(SampleFile, InterpolationAtRestEndsAndMirror) {

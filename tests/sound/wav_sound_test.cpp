@@ -96,6 +96,15 @@ TEST(WavSound, TheClipEndsExactlyAtItsEndOrLoops) {
         constexpr size_t period = 4799 - 1200;
         for (size_t i = 9000; i < 9000 + period; ++i) ASSERT_NEAR(rig.left[i + period], rig.left[i], 1e-5) << i;
     }
+    // A loop of one frame four octaves up: shorter than an output frame, it still sounds and the block ends.
+    {
+        Rig rig(128);
+        CWavSound& sound = useClip(rig, path, 0, 0.5f);
+        sound.sample[0]->loop = loopForward;
+        sound.sample[0]->loopStart = 4798;
+        rig.render(8192, {{0, noteOn(108)}});
+        EXPECT_EQ(rig.sampler->soundingVoices(), 1);
+    }
     // A loop start at the end plays as no loop.
     {
         Rig rig(128);

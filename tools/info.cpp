@@ -4,6 +4,11 @@
 #include <cstring>
 #include <string>
 
+#include "engine/engine.h"
+#include "files/midi.h"
+#include "files/soundfont.h"
+#include "seq/seq.h"
+#include "seq/timeline.h"
 #include "sound/sample.h"
 
 namespace info {
@@ -44,6 +49,56 @@ int describeAudio(const std::string& path) {
     return 0;
 }
 
+bool isMidi(const Head& head) { return head.is(0, "MThd"); }
+
+int describeMidi(const std::string& path) {
+    CQV engine(EngineOptions{false, 1});
+    auto* seq = new CSeq(&engine);
+    seq->createPorts();
+    engine.addComp(seq);
+    const files::MidiImport song = files::importMIDI(*seq, nullptr, path.c_str(), nullptr, 0);
+    const CSeqProg& prog = *seq->currentProg();
+    const int32_t length = static_cast<int32_t>(seq->getLength());
+    std::printf("file:     %s\n", path.c_str());
+    std::printf("format:   Standard MIDI file, format %d, division %d%s\n", song.format, song.division,
+                song.complete ? "" : " (damaged: read up to the damage)");
+    const float tempo = prog.tempos.empty() ? 120.0f : prog.tempos.getAt(0)->tempo;
+    std::printf("tempo:    %.0f BPM, %d change(s)\n", static_cast<double>(tempo), std::max(prog.tempos.count() - 1, 0));
+    if (!prog.signatures.empty())
+        std::printf("time:     %d/%d\n", prog.signatures.getAt(0)->numerator, prog.signatures.getAt(0)->denominator);
+    std::printf("length:   %.2f quarter notes, %.3f s\n", length / 960.0, tickToFrame(&prog, tempo, length, 48000) / 48000.0);
+    std::printf("tracks:   %zu\n", song.newTracks.size());
+    for (const CTrack* track : song.newTracks) {
+        int32_t notes = 0;
+        for (const CPart* part : prog.songTrackOf(track)->parts)
+            for (const CEventRec* e = part->getEvents(); e; e = e->next) notes += static_cast<const CMIDIEventRec*>(e)->isNoteOn();
+        std::printf("  %-24s channel %-4s %d notes\n", track->name.c_str(),
+                    track->channel < 0 ? "mix" : std::to_string(track->channel + 1).c_str(), notes);
+    }
+    return 0;
+}
+
+bool isSoundFont(const Head& head) { return head.is(0, "RIFF") && head.is(8, "sfbk"); }
+
+int describeSoundFont(const std::string& path) {
+    files::SoundFontBank bank;
+    if (!files::readSoundFont(bank, path.c_str())) return fail(path, bank.error);
+    size_t zones = 0;
+    for (const files::SoundFontPreset& preset : bank.presets)
+        for (const files::SoundFontPresetZone& zone : preset.zones) zones += zone.zones.size();
+    std::printf("file:     %s\n", path.c_str());
+    std::printf("format:   SoundFont %d.%02d\n", bank.info.versionMajor, bank.info.versionMinor);
+    std::printf("name:     %s\n", bank.info.name.c_str());
+    if (!bank.info.copyright.empty()) std::printf("rights:   %s\n", bank.info.copyright.c_str());
+    std::printf("presets:  %zu (%zu in bank 0, %zu drum kits in bank 128)\n", bank.presets.size(), bank.melodic.size(),
+                bank.drums.size());
+    std::printf("samples:  %zu, %.1f s of 16-bit audio at 44.1 kHz\n", bank.samples.size(), bank.sampleData.size() / 44100.0);
+    std::printf("zones:    %zu\n", zones);
+    for (const files::SoundFontPreset& preset : bank.presets)
+        std::printf("  %03d-%03d %s\n", preset.bank, preset.preset, preset.name.c_str());
+    return 0;
+}
+
 struct Kind {
     bool (*matches)(const Head& head);
     int (*describe)(const std::string& path);
@@ -51,7 +106,9 @@ struct Kind {
 
 // One row for each kind of file; the first that matches describes it.
 constexpr Kind kinds[] = {
+    {isSoundFont, describeSoundFont},
     {isAudio, describeAudio},
+    {isMidi, describeMidi},
 };
 
 }  // namespace

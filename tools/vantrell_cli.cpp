@@ -1,6 +1,7 @@
 // vantrell-cli: the engine's jobs from a shell, with no window and no audio device.
 //
 //   vantrell-cli render --demo -o FILE [--format wav|aiff|mp3] [--rate N] [--bits 16|24|32] [--mono] [--bitrate N]
+//   vantrell-cli render SONG.mid --soundfont FONT.sf2 -o FILE [the same options]
 //   vantrell-cli info FILE
 //   vantrell-cli play --demo [--driver jack|alsa|null] [--device NAME] [--seconds N]
 
@@ -11,12 +12,14 @@
 #include <exception>
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "demo_song.h"
 #include "files/audio_writer.h"
+#include "files/gm_song.h"
 #include "files/mp3.h"
 #include "files/render.h"
 #include "info.h"
@@ -31,15 +34,18 @@ constexpr int exitUsage = 2;
 const char* const usage =
     "usage: vantrell-cli render --demo -o FILE [--format wav|aiff|mp3] [--rate N] [--bits 16|24|32] [--mono]\n"
     "                          [--bitrate N]\n"
+    "       vantrell-cli render SONG.mid --soundfont FONT.sf2 -o FILE [the options above]\n"
     "       vantrell-cli info FILE\n"
     "  --demo        render the built-in demo song\n"
+    "  SONG.mid      render a Standard MIDI file through samplers playing the presets of a SoundFont 2 bank:\n"
+    "  --soundfont F   program changes choose the presets, channel 10 plays the drum kits of bank 128\n"
     "  -o FILE       the file to write; an existing file is replaced only when the render succeeds\n"
     "  --format F    wav, aiff or mp3 (default: from the extension of FILE, else wav)\n"
     "  --rate N      sample rate, 8000 to 192000 (default 48000)\n"
     "  --bits B      16 or 24 bit integer, or 32: float in WAV, integer in AIFF (default 16)\n"
     "  --mono        one channel instead of two\n"
     "  --bitrate N   MP3 kilobits a second, 32 to 320 (default 128), through lame on PATH\n"
-    "  info FILE     describe a WAV or AIFF file\n";
+    "  info FILE     describe a WAV, AIFF, MIDI or SoundFont file\n";
 
 struct UsageError {
     std::string message;
@@ -47,6 +53,8 @@ struct UsageError {
 
 struct RenderOptions {
     bool demo = false;
+    std::filesystem::path midi;
+    std::filesystem::path soundFont;
     std::filesystem::path output;
     files::AudioFormat format{48000, 2, files::SampleFormat::int16};
     bool mp3 = false;
@@ -97,9 +105,13 @@ RenderOptions parseRender(const std::vector<std::string_view>& args) {
         else if (arg == "--mono") options.format.channels = 1;
         else if (arg == "--format") format = value();
         else if (arg == "--bitrate") options.bitrate = parseRate(value(), 32, 320, "--bitrate");
+        else if (arg == "--soundfont") options.soundFont = std::filesystem::path(value());
+        else if (!arg.starts_with("-") && options.midi.empty()) options.midi = std::filesystem::path(arg);
         else throw UsageError{"unknown option '" + std::string(arg) + "'"};
     }
-    if (!options.demo) throw UsageError{"nothing to render: only --demo is available"};
+    if (!options.demo && options.midi.empty()) throw UsageError{"nothing to render: give --demo or a MIDI file"};
+    if (options.demo && !options.midi.empty()) throw UsageError{"render takes --demo or a MIDI file, not both"};
+    if (!options.midi.empty() && options.soundFont.empty()) throw UsageError{"a MIDI file plays through --soundfont FONT.sf2"};
     if (options.output.empty()) throw UsageError{"no output file: give -o FILE.wav"};
     formatFromName(options, format.empty() ? options.output.string() : "." + std::string(format));
     if (!format.empty() && format != "wav" && format != "aiff" && format != "mp3")
@@ -131,8 +143,8 @@ private:
     bool shown_;
 };
 
-int render(const RenderOptions& options) {
-    demo::DemoSong song(options.format.rate);
+template <class Song>
+int renderSong(Song& song, const RenderOptions& options) {
     // MP3 renders to a WAV beside the target first, which the encoder then turns into the MP3.
     std::filesystem::path wavPath = options.output;
     if (options.mp3) wavPath += ".render.wav";
@@ -152,6 +164,18 @@ int render(const RenderOptions& options) {
                 options.mp3 ? " into MP3" : options.format.sample == files::SampleFormat::float32 ? " float" : "",
                 static_cast<double>(result.peak), seconds, seconds > 0.0 ? audio / seconds : 0.0);
     return EXIT_SUCCESS;
+}
+
+int render(const RenderOptions& options) {
+    if (options.demo) {
+        demo::DemoSong song(options.format.rate);
+        return renderSong(song, options);
+    }
+    files::SoundFontBank bank;
+    if (!files::readSoundFont(bank, options.soundFont.c_str()))
+        throw std::runtime_error(options.soundFont.string() + ": " + bank.error);
+    files::GmSong song(options.format.rate, options.midi.c_str(), bank);
+    return renderSong(song, options);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <map>
 #include <vector>
 
+#include "core/stream.h"
 #include "engine/io.h"
 #include "files/midi.h"
 #include "files/soundfont_import.h"
@@ -91,6 +92,7 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
     out->createPorts();
     engine.addComp(out);
 
+    if (!CFileStream(midiPath, CFileStream::openRead).isOpen()) throw SongError(std::string("can't open ") + midiPath.c_str());
     const MidiImport imported = importMIDI(*seq, nullptr, midiPath, nullptr, 0);
     if (!imported.isMidi) throw SongError(std::string("not a MIDI file: ") + midiPath.c_str());
     CSeqProg& prog = *seq->currentProg();

@@ -79,7 +79,7 @@ TEST_F(Cli, BadOptionsFailWithAMessage) {
     const Row rows[] = {
         {"", "usage:"},
         {"dance", "unknown command 'dance'"},
-        {"render -o x.wav", "only --demo"},
+        {"render -o x.wav", "nothing to render"},
         {"render --demo", "no output file"},
         {"render --demo -o x.wav --bits 12", "--bits must be 16, 24 or 32"},
         {"render --demo -o x.wav --format ogg", "--format must be wav, aiff or mp3"},
@@ -143,6 +143,32 @@ TEST_F(Cli, InfoDescribesAudioFilesAndRefusesOthers) {
     EXPECT_EQ(cli("info '" + eight.string() + "'"), 1);
     EXPECT_NE(errors.find("8 bit"), std::string::npos) << errors;
     EXPECT_EQ(cli("info '" + (dir / "missing.wav").string() + "'"), 1);
+}
+
+TEST_F(Cli, MidiFileThroughASoundFontAndWhatIsNeitherFails) {
+    const std::string font = "/usr/share/sounds/sf2/TimGM6mb.sf2", song = "/usr/share/doc/mma/examples/misc/cascade.mid";
+    if (!std::filesystem::exists(font) || !std::filesystem::exists(song)) GTEST_SKIP() << "scripts/bootstrap installs them";
+    const auto wav = dir / "song.wav";
+    ASSERT_EQ(cli("render '" + song + "' --soundfont '" + font + "' -o '" + wav.string() + "' --rate 44100"), 0) << errors;
+    EXPECT_EQ(std::stol(sox("--i -r '" + wav.string() + "'")), 44100);
+    const std::string stats = sox("'" + wav.string() + "' -n stat");
+    EXPECT_GT(std::stod(stats.substr(stats.find("RMS     amplitude:") + 18)), 0.005) << stats;
+
+    ASSERT_EQ(cli("info '" + song + "'"), 0) << errors;
+    EXPECT_NE(readText(dir / "out.txt").find("Standard MIDI file, format 1, division 192"), std::string::npos);
+    ASSERT_EQ(cli("info '" + font + "'"), 0) << errors;
+    EXPECT_NE(readText(dir / "out.txt").find("presets:  136"), std::string::npos) << readText(dir / "out.txt");
+
+    EXPECT_EQ(cli("render '" + song + "' -o '" + wav.string() + "'"), 2);
+    EXPECT_NE(errors.find("--soundfont"), std::string::npos);
+    EXPECT_EQ(cli("render '" + song + "' --soundfont '" + song + "' -o '" + wav.string() + "'"), 1);
+    EXPECT_NE(errors.find(song), std::string::npos) << errors;
+    EXPECT_EQ(cli("render '" + font + "' --soundfont '" + font + "' -o '" + wav.string() + "'"), 1);
+    EXPECT_NE(errors.find("not a MIDI file"), std::string::npos) << errors;
+    const auto cut = dir / "cut.sf2";
+    std::ofstream(cut, std::ios::binary) << readText(font).substr(0, 100000);
+    EXPECT_EQ(cli("info '" + cut.string() + "'"), 1);
+    EXPECT_NE(errors.find("truncated"), std::string::npos) << errors;
 }
 
 }  // namespace

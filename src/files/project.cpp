@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 #include <system_error>
+#include <vector>
 
 #include "core/block_in.h"
 #include "core/stream.h"
@@ -491,8 +492,16 @@ LoadOutcome readProject(CQV& engine, CStream& stream, const ProjectContext& cont
 
 bool openProject(CQV& engine, const CString& path, const ProjectContext& context) {
     if (saving.load(std::memory_order_acquire)) return false;
-    CFileStream stream(path, CFileStream::openRead);
-    const LoadOutcome outcome = stream.isOpen() ? readProject(engine, stream, context) : LoadOutcome::notProject;
+    // The whole file is read at once: the reader asks for its position at every field, which on a file
+    // is a system call each time.
+    CFileStream file(path, CFileStream::openRead);
+    const int32_t size = file.isOpen() ? std::max(file.seek(0, seekFromEnd), 0) : 0;
+    file.seek(0, seekFromStart);
+    std::vector<uint8_t> bytes(static_cast<size_t>(size));
+    CMemoryStream stream;
+    const bool read = file.isOpen() && file.read(bytes.data(), size) == size && stream.write(bytes.data(), size) == size;
+    stream.seek(0, seekFromStart);
+    const LoadOutcome outcome = read ? readProject(engine, stream, context) : LoadOutcome::notProject;
     if (outcome == LoadOutcome::notProject) {
         report(context, "Error", "Can't open " + fileName(path) + ". Not a VNT64 project");
         return false;

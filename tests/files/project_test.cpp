@@ -2,10 +2,12 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
@@ -14,8 +16,10 @@
 #include "demo_song.h"
 #include "core/stream.h"
 #include "engine/fx.h"
+#include "files/gm_song.h"
 #include "files/project.h"
 #include "files/render.h"
+#include "files/soundfont.h"
 #include "fx/effect.h"
 #include "fx/effects.h"
 #include "fx/mixer.h"
@@ -263,29 +267,48 @@ TEST(Project, SaveOpenAndSaveAgainGiveTheSameBytes) {
     EXPECT_EQ(sampler->midiCablesIn.getAt(0)->output, instrument->firstOutputPort());
 }
 
+// Renders `ticks` of the engine's song into a float WAV file and gives back its bytes.
+std::vector<uint8_t> rendered(CQV& engine, int32_t ticks) {
+    const auto path = std::filesystem::temp_directory_path() / ("vantrell_project_render_" + std::to_string(std::random_device{}()) + ".wav");
+    files::AudioWriter writer(path, {44100, 2, files::SampleFormat::float32});
+    files::renderOffline(engine, {0, ticks}, writer);
+    writer.commit();
+    std::vector<uint8_t> bytes = fileBytes(path);
+    std::filesystem::remove(path);
+    return bytes;
+}
+
+// The song's engine saved, then opened in a fresh engine.
+std::unique_ptr<CQV> reopened(CQV& engine) {
+    auto opened = std::make_unique<CQV>(EngineOptions{false, 1});
+    opened->setSampleRate(44100.0);
+    EXPECT_EQ(load(*opened, saved(engine)), LoadOutcome::loaded);
+    return opened;
+}
+
 TEST(Project, AnOpenedSongRendersBitForBitLikeTheSongItWasSavedFrom) {
     demo::DemoSong song(44100.0);
-    const std::vector<uint8_t> bytes = saved(song.engine);
-    CQV engine(EngineOptions{false, 1});
-    engine.setSampleRate(44100.0);
-    ASSERT_EQ(load(engine, bytes), LoadOutcome::loaded);
-
-    const auto dir = std::filesystem::temp_directory_path() / ("vantrell_project_render_" + std::to_string(std::random_device{}()));
-    std::filesystem::create_directories(dir);
-    const files::AudioFormat format{44100, 2, files::SampleFormat::float32};
+    const std::unique_ptr<CQV> opened = reopened(song.engine);
     // Ten bars reach past the tempo change and keep the sanitizer runs short.
-    const int32_t renderTicks = 10 * 4 * 960;
-    const auto render = [&](CQV& which, const char* name) {
-        files::AudioWriter writer(dir / name, format);
-        files::renderOffline(which, {0, renderTicks}, writer);
-        writer.commit();
-        return fileBytes(dir / name);
-    };
-    const std::vector<uint8_t> direct = render(song.engine, "direct.wav");
-    const std::vector<uint8_t> opened = render(engine, "opened.wav");
-    std::filesystem::remove_all(dir);
+    const int32_t ticks = 10 * 4 * 960;
+    const std::vector<uint8_t> direct = rendered(song.engine, ticks);
     ASSERT_GT(direct.size(), 44100u * 8u * 20u);
-    EXPECT_TRUE(direct == opened);
+    EXPECT_TRUE(direct == rendered(*opened, ticks));
+}
+
+TEST(Project, AMIDIFileThroughASoundFontRendersTheSameOnceMadeAProject) {
+    const std::filesystem::path font = "/usr/share/sounds/sf2/TimGM6mb.sf2";
+    const std::filesystem::path midi = "/usr/share/doc/mma/examples/misc/cascade.mid";
+    if (!std::filesystem::exists(font) || !std::filesystem::exists(midi)) GTEST_SKIP() << "scripts/bootstrap installs mma and the SoundFonts";
+    files::SoundFontBank bank;
+    ASSERT_TRUE(files::readSoundFont(bank, font.c_str()));
+    files::GmSong song(44100.0, midi.c_str(), bank);
+    ASSERT_GT(song.samplerCount(), 1);
+    const std::unique_ptr<CQV> opened = reopened(song.engine);
+    const int32_t ticks = std::min(song.lengthTicks(), 8 * 4 * 960);
+    const std::vector<uint8_t> direct = rendered(song.engine, ticks);
+    ASSERT_TRUE(std::any_of(direct.begin() + 44, direct.end(), [](uint8_t byte) { return byte != 0; }));
+    EXPECT_TRUE(direct == rendered(*opened, ticks));
 }
 
 TEST(Project, DamagedFilesLoadWhatTheyCanAndNeverCrash) {

@@ -1,6 +1,6 @@
 #pragma once
-// vantrell-cli play: a song through an audio device in real time, with live MIDI from the device's
-// MIDI inputs reaching the song's MIDI input.
+// vantrell-cli play: the demo song, a MIDI file through a SoundFont, or a project, through an audio
+// device in real time, with live MIDI from the device's MIDI inputs reaching the song's MIDI input.
 
 #include <string_view>
 #include <vector>

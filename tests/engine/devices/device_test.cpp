@@ -23,6 +23,7 @@
 #include "engine/device_cycle.h"
 #include "engine/engine.h"
 #include "engine/io.h"
+#include "files/project.h"
 #include "generated/cli_path.h"
 #include "sound/sampler.h"
 #include "support/jack_peer.h"
@@ -361,6 +362,23 @@ TEST(PlayCommand, PlaysWithoutSoundWhenTheDriverHasNoDeviceAndRefusesBadOptions)
 
     for (const char* wrong : {"play", "play --demo --driver asio", "play --demo --seconds -1", "play --demo --seconds"})
         EXPECT_EQ(runCli(wrong).status, 2) << wrong;
+}
+
+TEST(PlayCommand, PlaysAProjectAndRefusesFilesItCannotRead) {
+    TempFolder folder;
+    const std::string project = folder.file("demo.qv");
+    {
+        demo::DemoSong song(rate);
+        ASSERT_TRUE(files::saveProject(song.engine, project.c_str()));
+    }
+    const CliRun played = runCli("play " + project + " --driver null --seconds 0.3");
+    EXPECT_EQ(played.status, 0) << played.output;
+    EXPECT_NE(played.output.find("playing " + project), std::string::npos) << played.output;
+
+    const std::string notProject = folder.file("text.qv");
+    std::ofstream(notProject) << "not a project";
+    EXPECT_EQ(runCli("play " + notProject + " --driver null --seconds 0.3").status, 1);
+    EXPECT_EQ(runCli("play " + folder.file("missing.mid") + " --driver null --seconds 0.3").status, 1);
 }
 
 }  // namespace

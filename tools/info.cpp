@@ -7,6 +7,7 @@
 #include "engine/engine.h"
 #include "files/midi.h"
 #include "files/soundfont.h"
+#include "project_cli.h"
 #include "seq/seq.h"
 #include "seq/timeline.h"
 #include "sound/sample.h"
@@ -105,10 +106,13 @@ struct Kind {
 };
 
 // One row for each kind of file; the first that matches describes it.
+bool isProject(const Head& head) { return projectcli::hasProjectMagic(head.bytes, head.size); }
+
 constexpr Kind kinds[] = {
     {isSoundFont, describeSoundFont},
     {isAudio, describeAudio},
     {isMidi, describeMidi},
+    {isProject, projectcli::describeProject},
 };
 
 }  // namespace

@@ -2,6 +2,8 @@
 //
 //   vantrell-cli render --demo -o FILE [--format wav|aiff|mp3] [--rate N] [--bits 16|24|32] [--mono] [--bitrate N]
 //   vantrell-cli render SONG.mid --soundfont FONT.sf2 -o FILE [the same options]
+//   vantrell-cli render PROJECT.qv -o FILE [the same options]
+//   vantrell-cli import --demo | SONG.mid [--soundfont FONT.sf2] | PROJECT.qv -o OUT.qv
 //   vantrell-cli info FILE
 //   vantrell-cli play --demo [--driver jack|alsa|null] [--device NAME] [--seconds N]
 
@@ -25,6 +27,7 @@
 #include "info.h"
 #include "platform/platform.h"
 #include "play.h"
+#include "project_cli.h"
 
 namespace {
 
@@ -35,6 +38,8 @@ const char* const usage =
     "usage: vantrell-cli render --demo -o FILE [--format wav|aiff|mp3] [--rate N] [--bits 16|24|32] [--mono]\n"
     "                          [--bitrate N]\n"
     "       vantrell-cli render SONG.mid --soundfont FONT.sf2 -o FILE [the options above]\n"
+    "       vantrell-cli render PROJECT.qv -o FILE [the options above]\n"
+    "       vantrell-cli import --demo | SONG.mid [--soundfont FONT.sf2] | PROJECT.qv -o OUT.qv\n"
     "       vantrell-cli info FILE\n"
     "  --demo        render the built-in demo song\n"
     "  SONG.mid      render a Standard MIDI file through samplers playing the presets of a SoundFont 2 bank:\n"
@@ -45,7 +50,9 @@ const char* const usage =
     "  --bits B      16 or 24 bit integer, or 32: float in WAV, integer in AIFF (default 16)\n"
     "  --mono        one channel instead of two\n"
     "  --bitrate N   MP3 kilobits a second, 32 to 320 (default 128), through lame on PATH\n"
-    "  info FILE     describe a WAV, AIFF, MIDI or SoundFont file\n";
+    "  PROJECT.qv    render a project from its start to the end of its last part and one bar more\n"
+    "  import        build a project from the demo song, a MIDI file or another project, and save it\n"
+    "  info FILE     describe a WAV, AIFF, MIDI, SoundFont or project file\n";
 
 struct UsageError {
     std::string message;
@@ -111,7 +118,7 @@ RenderOptions parseRender(const std::vector<std::string_view>& args) {
     }
     if (!options.demo && options.midi.empty()) throw UsageError{"nothing to render: give --demo or a MIDI file"};
     if (options.demo && !options.midi.empty()) throw UsageError{"render takes --demo or a MIDI file, not both"};
-    if (!options.midi.empty() && options.soundFont.empty()) throw UsageError{"a MIDI file plays through --soundfont FONT.sf2"};
+    if (!options.midi.empty() && options.soundFont.empty() && !projectcli::isProjectFile(options.midi)) throw UsageError{"a MIDI file plays through --soundfont FONT.sf2"};
     if (options.output.empty()) throw UsageError{"no output file: give -o FILE.wav"};
     formatFromName(options, format.empty() ? options.output.string() : "." + std::string(format));
     if (!format.empty() && format != "wav" && format != "aiff" && format != "mp3")
@@ -171,6 +178,10 @@ int render(const RenderOptions& options) {
         demo::DemoSong song(options.format.rate);
         return renderSong(song, options);
     }
+    if (projectcli::isProjectFile(options.midi)) {
+        projectcli::ProjectSong song(options.midi, options.format.rate);
+        return renderSong(song, options);
+    }
     files::SoundFontBank bank;
     if (!files::readSoundFont(bank, options.soundFont.c_str()))
         throw std::runtime_error(options.soundFont.string() + ": " + bank.error);
@@ -189,6 +200,7 @@ int main(int argc, char** argv) {
         }
         if (args[0] == "play") return play::run({args.begin() + 1, args.end()});
         if (args[0] == "info") return info::run({args.begin() + 1, args.end()});
+        if (args[0] == "import") return projectcli::runImport({args.begin() + 1, args.end()});
         if (args[0] != "render") throw UsageError{"unknown command '" + std::string(args[0]) + "'"};
         return render(parseRender({args.begin() + 1, args.end()}));
     } catch (const UsageError& error) {

@@ -1,0 +1,99 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+
+#include "cli_path.h"
+#include "demo_song.h"
+#include "files/midi.h"
+#include "files/project.h"
+#include "seq/seq.h"
+
+namespace {
+
+const std::filesystem::path midiExample = "/usr/share/doc/mma/examples/misc/cascade.mid";
+
+std::string readText(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+class ProjectCli : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir = std::filesystem::temp_directory_path() / ("vantrell_project_cli_" + std::to_string(std::random_device{}()));
+        std::filesystem::create_directories(dir);
+    }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+
+    // Runs vantrell-cli in the test's folder; keeps what it printed and returns its exit status.
+    int cli(const std::string& args) {
+        const std::string command = "cd '" + dir.string() + "' && '" + cliPath + "' " + args + " > out.txt 2> err.txt";
+        const int status = std::system(command.c_str());
+        output = readText(dir / "out.txt");
+        errors = readText(dir / "err.txt");
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    std::string file(const char* name) const { return readText(dir / name); }
+
+    std::filesystem::path dir;
+    std::string output, errors;
+};
+
+TEST_F(ProjectCli, ImportedProjectsSaveAgainRenderAndDescribeLikeTheirSong) {
+    ASSERT_EQ(cli("import --demo -o demo.qv"), 0) << errors;
+    ASSERT_EQ(cli("import demo.qv -o again.qv"), 0) << errors;
+    EXPECT_EQ(file("demo.qv"), file("again.qv"));
+
+    // A low rate keeps the two renders short; the project must sound exactly like the song it holds.
+    ASSERT_EQ(cli("render demo.qv -o project.wav --rate 8000 --bits 32"), 0) << errors;
+    ASSERT_EQ(cli("render --demo -o song.wav --rate 8000 --bits 32"), 0) << errors;
+    EXPECT_GT(file("song.wav").size(), 8000u * 8u * 30u);
+    EXPECT_TRUE(file("project.wav") == file("song.wav"));
+
+    demo::DemoSong song(48000.0);
+    ASSERT_EQ(cli("info demo.qv"), 0) << errors;
+    EXPECT_NE(output.find("components: " + std::to_string(song.engine.comps.count()) + ","), std::string::npos) << output;
+    EXPECT_NE(output.find("#1 Sequencer"), std::string::npos) << output;
+}
+
+TEST_F(ProjectCli, AMIDIFileBecomesAProjectWithATrackForEachOfItsTracks) {
+    if (!std::filesystem::exists(midiExample)) GTEST_SKIP() << "scripts/bootstrap installs mma";
+    ASSERT_EQ(cli("import '" + midiExample.string() + "' -o song.qv"), 0) << errors;
+
+    CQV imported(EngineOptions{false, 1});
+    auto* seq = new CSeq(&imported);
+    seq->createPorts();
+    imported.addComp(seq);
+    const files::MidiImport direct = files::importMIDI(*seq, nullptr, midiExample.c_str(), nullptr, 0);
+    ASSERT_FALSE(direct.newTracks.empty());
+
+    CQV opened(EngineOptions{false, 1});
+    ASSERT_TRUE(files::openProject(opened, (dir / "song.qv").c_str()));
+    const CSeq* loaded = nullptr;
+    for (CComp* comp : opened.comps)
+        if (comp->isSequencer()) loaded = static_cast<CSeq*>(comp);
+    ASSERT_NE(loaded, nullptr);
+    EXPECT_EQ(loaded->tracks.count(), seq->tracks.count());
+    EXPECT_EQ(loaded->getLength(), seq->getLength());
+}
+
+TEST_F(ProjectCli, BadImportsFailWithAMessage) {
+    EXPECT_EQ(cli("import"), 2);
+    EXPECT_EQ(cli("import --demo"), 2);
+    EXPECT_NE(errors.find("no output file"), std::string::npos) << errors;
+    EXPECT_EQ(cli("import --demo demo.qv -o out.qv"), 2);
+    EXPECT_EQ(cli("import missing.qv -o out.qv"), 1);
+    EXPECT_NE(errors.find("missing.qv"), std::string::npos) << errors;
+    std::ofstream(dir / "text.qv") << "not a project";
+    EXPECT_EQ(cli("import text.qv -o out.qv"), 1);
+    EXPECT_FALSE(std::filesystem::exists(dir / "out.qv"));
+    EXPECT_EQ(cli("import --demo -o no/such/folder/out.qv"), 1);
+    EXPECT_NE(errors.find("no/such/folder/out.qv"), std::string::npos) << errors;
+}
+
+}  // namespace

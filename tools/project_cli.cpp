@@ -129,16 +129,6 @@ int32_t songEnd(const CQV& engine) {
     return seq ? static_cast<int32_t>(seq->getLength()) : 0;
 }
 
-const char* typeName(int32_t type) {
-    switch (type) {
-    case trackFolder: return "folder";
-    case trackInstrument: return "instrument";
-    case trackAudio: return "audio";
-    case trackDrum: return "drum";
-    default: return "track";
-    }
-}
-
 // "name" of a component with its place in the engine's lists.
 std::string label(const CQV& engine, const CComp* comp) {
     if (!comp) return "(none)";
@@ -242,7 +232,7 @@ int describeProject(const std::string& path) {
         for (int32_t t = 0; t < seq->tracks.count(); ++t) {
             const CTrack* track = seq->tracks.getAt(t);
             const CSongTrack* songTrack = prog ? prog->songTrackOf(track) : nullptr;
-            std::printf("  %2d %-10s %s\n", t + 1, typeName(track->type), track->name.c_str());
+            std::printf("  %2d %-10s %s\n", t + 1, trackTypeWord(track->type).c_str(), track->name.c_str());
             if (!songTrack) continue;
             for (const CPart* part : songTrack->parts)
                 std::printf("       part %-12s bar %s, %d ticks, %d events%s\n", part->getName().c_str(),

@@ -305,6 +305,8 @@ TEST(Project, AMIDIFileThroughASoundFontRendersTheSameOnceMadeAProject) {
     files::GmSong song(44100.0, midi.c_str(), bank);
     ASSERT_GT(song.samplerCount(), 1);
     const std::unique_ptr<CQV> opened = reopened(song.engine);
+    // Sampled sounds and their clips come back whole as well.
+    EXPECT_EQ(saved(*opened), saved(song.engine));
     const int32_t ticks = std::min(song.lengthTicks(), 8 * 4 * 960);
     const std::vector<uint8_t> direct = rendered(song.engine, ticks);
     ASSERT_TRUE(std::any_of(direct.begin() + 44, direct.end(), [](uint8_t byte) { return byte != 0; }));

@@ -1,7 +1,7 @@
 #pragma once
 // Shared body of the audio file fuzzers: the bytes become a file whose first twelve bytes name the
-// form under test, which is opened in memory and streamed, played at several rates both ways, and
-// copied out as a project would store it.
+// form under test, which is opened in memory and streamed, read at several rates both ways, played by
+// a sampled sound with its loop, and copied out as a project would store it.
 
 #include <unistd.h>
 
@@ -12,12 +12,40 @@
 #include <vector>
 
 #include "sound/sample.h"
+#include "sound/sampler.h"
+#include "sound/wav_sound.h"
 
 namespace fuzzing {
 
 inline const std::string& scratchFile() {
     static const std::string path = "/tmp/vantrell-fuzz-" + std::to_string(getpid());
     return path;
+}
+
+// Notes low, at the root and high through a sampled sound, looped as the file says, for a few blocks.
+inline void playVoices(CSampleClip& clip) {
+    constexpr int32_t block = 256;
+    static std::vector<float> outL(block), outR(block), readL(block), readR(block), scratch(CSampler::scratchFrames);
+    // One sound for the whole run: making its effects each time would cost more than the rest.
+    static CWavSound sound;
+    sound.setBlockSize(block);
+    sound.setSampleRate(48000.0f);
+    sound.setSample(&clip);
+    for (int32_t key : {0, 60, 127}) {
+        SamplerVoice voice;
+        voice.sampleRate = 48000.0f;
+        voice.outL = outL.data();
+        voice.outR = outR.data();
+        voice.readL = readL.data();
+        voice.readR = readR.data();
+        voice.interpScratch = scratch.data();
+        voice.note = key;
+        voice.pitch = static_cast<float>(key);
+        sound.startVoice(voice);
+        sound.noteOn(voice);
+        voice.state = voiceSounding;
+        for (int32_t k = 0; k < 8 && voice.state == voiceSounding; ++k) sound.process(outL.data(), outR.data(), voice, block);
+    }
 }
 
 inline void playSample(CSample& sample) {
@@ -44,7 +72,9 @@ inline int fuzzAudioFile(const uint8_t* bytes, size_t size, const char* form, co
     for (int32_t streamed : {0, 1}) {
         CSampleClip clip;
         clip.streamed = streamed;
-        if (clip.open(scratchFile().c_str())) playSample(clip);
+        if (!clip.open(scratchFile().c_str())) continue;
+        playSample(clip);
+        playVoices(clip);
     }
     return 0;
 }

@@ -101,6 +101,7 @@ Peer::Peer(const char* name, int32_t audioInputs, int64_t captureFrames) {
         capture_.emplace_back(static_cast<size_t>(captureFrames), 0.0f);
     }
     midiOut_ = jack_port_register(client_, "midi_out", JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
+    midiIn_ = jack_port_register(client_, "midi_in", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
     jack_set_process_callback(client_, &Peer::process, this);
     if (jack_activate(client_) != 0) {
         jack_client_close(client_);
@@ -143,6 +144,10 @@ std::vector<float> Peer::captured(int32_t input) const {
     return {all.begin(), all.begin() + std::min<int64_t>(capturedFrames(), static_cast<int64_t>(all.size()))};
 }
 
+std::vector<Peer::MidiHeard> Peer::midiHeard() const {
+    return {heard_, heard_ + heardCount_.load(std::memory_order_acquire)};
+}
+
 int Peer::process(uint32_t frames, void* self) {
     auto* peer = static_cast<Peer*>(self);
     const auto now = static_cast<int64_t>(jack_last_frame_time(peer->client_));
@@ -155,6 +160,16 @@ int Peer::process(uint32_t frames, void* self) {
         const size_t size = (message & 0xFF) >= 0xF8 ? 1 : 3;
         jack_midi_event_write(midi, 0, bytes, size);
         peer->sentAt_.store(now, std::memory_order_release);
+    }
+    void* midiIn = jack_port_get_buffer(peer->midiIn_, frames);
+    for (uint32_t i = 0, n = jack_midi_get_event_count(midiIn); i < n; ++i) {
+        jack_midi_event_t event;
+        const int32_t at = peer->heardCount_.load(std::memory_order_relaxed);
+        if (jack_midi_event_get(&event, midiIn, i) != 0 || at >= maxMidiHeard) continue;
+        uint32_t message = 0;
+        for (size_t b = 0; b < std::min<size_t>(event.size, 3); ++b) message |= static_cast<uint32_t>(event.buffer[b]) << (8 * b);
+        peer->heard_[at] = {now + event.time, message};
+        peer->heardCount_.store(at + 1, std::memory_order_release);
     }
     if (peer->inputs_.empty()) return 0;
     const int64_t at = peer->count_.load(std::memory_order_relaxed);

@@ -35,7 +35,7 @@ private:
     bool ready_ = false;
 };
 
-// A client with `audioInputs` capture ports (in_1...) and one MIDI output port (midi_out).
+// A client with `audioInputs` capture ports (in_1...) and one MIDI port each way (midi_out, midi_in).
 class Peer {
 public:
     Peer(const char* name, int32_t audioInputs, int64_t captureFrames);
@@ -58,12 +58,23 @@ public:
     int64_t capturedFrames() const { return count_.load(std::memory_order_acquire); }
     int32_t blockSize() const;
 
+    struct MidiHeard {
+        int64_t frame;  // frame time
+        uint32_t midi;
+    };
+    static constexpr int32_t maxMidiHeard = 256;
+    // What arrived on midi_in so far.
+    std::vector<MidiHeard> midiHeard() const;
+
 private:
     static int process(uint32_t frames, void* self);
 
     _jack_client* client_ = nullptr;
     std::vector<_jack_port*> inputs_;
     _jack_port* midiOut_ = nullptr;
+    _jack_port* midiIn_ = nullptr;
+    MidiHeard heard_[maxMidiHeard]{};
+    std::atomic<int32_t> heardCount_{0};
     std::vector<std::vector<float>> capture_;
     std::atomic<int64_t> count_{0};
     std::atomic<int64_t> firstFrame_{-1};

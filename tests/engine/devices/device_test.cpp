@@ -286,6 +286,39 @@ TEST(JackDevice, ANoteFromAnotherClientSoundsWithinAPeriodAndABlock) {
     EXPECT_LT(delay, period + period) << "frames from the note's cycle to its sound";
 }
 
+// Sends one note at a frame inside the block, every block.
+class Pulse : public CComp {
+public:
+    static constexpr int32_t at = 100;
+    explicit Pulse(CQV* engine) : CComp(engine) {}
+    void createPorts() override { addOutputPort(); }
+    void processBlock(int32_t /*frames*/) override { firstOutputPort()->appendEvent(at, 0x503090); }
+};
+
+TEST(JackDevice, MIDIOutputLeavesAtTheFrameOfItsEvent) {
+    jacktest::Server server(static_cast<int32_t>(rate), period);
+    ASSERT_TRUE(server.ready()) << "jackd did not start";
+    CQV engine(EngineOptions{false, 1});
+    auto* pulse = add(engine, new Pulse(&engine));
+    auto* out = add(engine, new CMIDIOut(&engine));
+    out->midiCablesIn.add(makeMIDICable(out, pulse->firstOutputPort(), out->firstInputPort()));
+    jacktest::Peer ears("ears", 0, 0);
+    ASSERT_TRUE(ears.ok());
+    CountedEngine counted(engine);
+    auto aam = openAudio(counted, platform::driverJack);
+    ASSERT_TRUE(aam->startAudio(platform::driverJack, 0, false));
+    aam->setMIDIOut(0, 1);
+    ASSERT_TRUE(ears.connect("vantrell:midi_out", ears.portName("midi_in")));
+    for (int i = 0; i < 1000 && ears.midiHeard().size() < 8; ++i) std::this_thread::sleep_for(10ms);
+    aam->closeDevice();
+    const auto heard = ears.midiHeard();
+    ASSERT_GE(heard.size(), 8u);
+    for (const auto& note : heard) {
+        EXPECT_EQ(note.midi, 0x503090u);
+        EXPECT_EQ(note.frame % period, Pulse::at) << "frame in its block";
+    }
+}
+
 TEST(JackDevice, WithoutAServerTheNullDriverRunsAfterAMessage) {
     setenv("JACK_DEFAULT_SERVER", ("vt-none-" + std::to_string(getpid())).c_str(), 1);
     setenv("JACK_NO_START_SERVER", "1", 1);

@@ -224,51 +224,50 @@ TEST(SampleFile, DamagedAndUnusualChunkLayouts) {
     }
 }
 
-TEST(SampleFile, StreamedLongFileCrossesItsBuffersLikeTheFileInMemory) {
-    TempFolder dir;
-    const std::string path = dir.file("long.wav");
-    // Several stream buffers long, stereo 24-bit: frames straddle the buffer ends.
-    sh("sox -n -r 44100 -b 24 -c 2 " + quoted(path) + " synth 1.3 sine 300 whitenoise vol 0.5");
-    CSampleClip memory, streamed;
-    streamed.streamed = 1;
-    ASSERT_TRUE(memory.open(path.c_str()));
-    ASSERT_TRUE(streamed.open(path.c_str()));
-    std::vector<float> scratch(8192), l1(1000), r1(1000), l2(1000), r2(1000);
-    // Forward in steps, then a jump back (a loop), then reversed, at rates that don't divide a frame.
-    double position = 0.0;
-    for (int32_t step = 0; step < 120; ++step) {
-        const float rate = step % 3 == 0 ? 1.0f : 1.37f;
-        const uint8_t reverse = step >= 100 ? 1 : 0;
-        if (step == 80) position = 1000.5;
-        memory.readInterpolated(0, 1000, l1.data(), r1.data(), position, rate, scratch.data(), 8192, reverse, 0, memory.frames);
-        streamed.readInterpolated(0, 1000, l2.data(), r2.data(), position, rate, scratch.data(), 8192, reverse, 0, streamed.frames);
-        ASSERT_EQ(l1, l2) << "step " << step;
-        ASSERT_EQ(r1, r2) << "step " << step;
-        position += 1000.0 * rate;
-        streamed.fillWanted();
+// One file opened twice, in memory and streamed; `same` reads both alike and compares every value.
+struct MemoryAndStream {
+    MemoryAndStream(const TempFolder& dir, const std::string& soxArgs) {
+        const std::string path = dir.file("long.wav");
+        sh("sox -n " + soxArgs + " " + quoted(path) + " synth 2 sine 300 whitenoise vol 0.5");
+        streamed.streamed = 1;
+        EXPECT_TRUE(memory.open(path.c_str()));
+        EXPECT_TRUE(streamed.open(path.c_str()));
     }
-}
-
-TEST(SampleFile, ADiskThreadFillingAheadChangesNoFrame) {
-    TempFolder dir;
-    const std::string path = dir.file("long.wav");
-    sh("sox -n -r 48000 -b 16 -c 2 " + quoted(path) + " synth 3 whitenoise vol 0.5");
+    bool same(double position, float rate, uint8_t reverse) {
+        memory.readInterpolated(0, 1000, l1.data(), r1.data(), position, rate, scratch.data(), 8192, reverse, 0, memory.frames);
+        streamed.readInterpolated(0, 1000, l2.data(), r2.data(), position, rate, scratch.data(), 8192, reverse, 0, memory.frames);
+        return l1 == l2 && r1 == r2;
+    }
     CSampleClip memory, streamed;
-    streamed.streamed = 1;
-    ASSERT_TRUE(memory.open(path.c_str()));
-    ASSERT_TRUE(streamed.open(path.c_str()));
+    std::vector<float> scratch = std::vector<float>(8192), l1 = std::vector<float>(1000), r1 = l1, l2 = l1, r2 = l1;
+};
+
+TEST(SampleFile, StreamedFilesReadLikeTheFileInMemory) {
+    TempFolder dir;
+    // Several stream buffers long, stereo 24-bit: frames straddle the buffer ends. Forward in steps, then
+    // a jump back (a loop), then reversed, at rates that don't divide a frame.
+    {
+        MemoryAndStream file(dir, "-r 44100 -b 24 -c 2");
+        double position = 0.0;
+        for (int32_t step = 0; step < 120; ++step) {
+            const float rate = step % 3 == 0 ? 1.0f : 1.37f;
+            if (step == 80) position = 1000.5;
+            ASSERT_TRUE(file.same(position, rate, step >= 100 ? 1 : 0)) << "step " << step;
+            position += 1000.0 * rate;
+            file.streamed.fillWanted();
+        }
+    }
+    // The same with a disk thread filling the buffers ahead the whole time.
+    MemoryAndStream file(dir, "-r 48000 -b 16 -c 2");
     std::atomic<bool> done{false};
     std::thread disk([&] {
         while (!done.load()) {
-            streamed.fillWanted();
+            file.streamed.fillWanted();
             std::this_thread::yield();
         }
     });
-    std::vector<float> scratch(4096), l1(512), r1(512), l2(512), r2(512);
-    for (double position = 0.0; position < memory.frames; position += 512.0 * 1.01) {
-        memory.readInterpolated(0, 512, l1.data(), r1.data(), position, 1.01f, scratch.data(), 4096, 0, 0, memory.frames);
-        streamed.readInterpolated(0, 512, l2.data(), r2.data(), position, 1.01f, scratch.data(), 4096, 0, 0, streamed.frames);
-        if (l1 != l2 || r1 != r2) {
+    for (double position = 0.0; position < file.memory.frames; position += 1000.0 * 1.01) {
+        if (!file.same(position, 1.01f, 0)) {
             ADD_FAILURE() << "frames differ at " << position;
             break;
         }

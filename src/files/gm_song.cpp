@@ -19,6 +19,8 @@ constexpr int32_t drumChannel = 9;
 constexpr int32_t drumBank = 128;
 constexpr int32_t tailTicks = 2 * 2 * ticksPerQuarter;  // two seconds at 120 BPM
 constexpr int32_t channelVolume = 7;
+constexpr int32_t dataEntry = 6, parameterLow = 100, parameterHigh = 101;
+constexpr int32_t defaultBendRange = 2;  // semitones, until registered parameter 0 says otherwise
 // Sixteen channels at full level pass full scale: each sampler's fader stands at -12 dB.
 constexpr float faderPosition = 0.5f;
 
@@ -103,12 +105,21 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
     // Which preset each note plays, by the bank and program of its channel at its tick.
     std::vector<const SoundFontPreset*> presetOf(events.size(), nullptr);
     int32_t programs[16] = {};
+    // Registered parameter 0 sets a channel's bend range; a sampler's sounds hold one range, so the last
+    // one the file sets on a channel holds for the whole song.
+    int32_t parameters[16], bendRanges[16];
+    std::fill(std::begin(parameters), std::end(parameters), -1);
+    std::fill(std::begin(bendRanges), std::end(bendRanges), defaultBendRange);
     int32_t banks[16] = {};
     int64_t end = 0;
     for (size_t i = 0; i < events.size(); ++i) {
         const Event& e = events[i];
         const uint32_t kind = e.message & 0xF0, channel = e.message & 0x0F, data1 = (e.message >> 8) & 0x7F;
-        if (kind == 0xB0 && data1 == 0) banks[channel] = static_cast<int32_t>((e.message >> 16) & 0x7F);
+        const auto data2 = static_cast<int32_t>((e.message >> 16) & 0x7F);
+        if (kind == 0xB0 && data1 == 0) banks[channel] = data2;
+        if (kind == 0xB0 && data1 == parameterHigh) parameters[channel] = (data2 << 7) | (parameters[channel] & 0x7F);
+        if (kind == 0xB0 && data1 == parameterLow) parameters[channel] = (parameters[channel] & ~0x7F) | data2;
+        if (kind == 0xB0 && data1 == dataEntry && parameters[channel] == 0) bendRanges[channel] = std::max(data2, 1);
         if (kind == 0xC0) programs[channel] = static_cast<int32_t>(data1);
         if ((e.message & 0xF0) == 0x90 && (e.message >> 16) != 0) {
             presetOf[i] = choosePreset(bank, static_cast<int32_t>(channel), banks[channel], programs[channel]);
@@ -134,7 +145,10 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
         engine.addComp(sampler);
         CSynthProg* program = makeSoundFontProgram(*sampler, bank, *presetOf[i]);
         for (CLayer* layer : program->layers)
-            for (CSound* sound : layer->sounds) sound->ccMap[channelVolume] = targetVolume;
+            for (CSound* sound : layer->sounds) {
+                sound->ccMap[channelVolume] = targetVolume;
+                sound->bendRange = bendRanges[channel];
+            }
         sampler->programs.add(program);
         sampler->firstOutputChannel()->volume = faderPosition;
         sampler->midiCablesIn.add(makeMIDICable(sampler, track->firstOutputPort(), sampler->firstInputPort()));

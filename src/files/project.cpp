@@ -28,6 +28,7 @@ constexpr char magic[] = "QV3";
 constexpr int32_t placeWords = 8;
 constexpr uint32_t cableSize = 12;
 constexpr uint32_t automapSize = 68;
+constexpr float minTempo = 10.0f, maxTempo = 250.0f;
 // Bit of a component's flags that only means something while the program runs.
 constexpr uint32_t runtimeFlag = 1u << 16;
 
@@ -266,6 +267,8 @@ private:
         if (blocks.is("bpm")) {
             float bpm = 120.0f;
             if (in.f32(bpm)) {
+                // Playback runs between these tempos whatever a file says; not a number reads as the default.
+                bpm = bpm == bpm ? std::clamp(bpm, minTempo, maxTempo) : 120.0f;
                 engine_.bpm.store(bpm, std::memory_order_relaxed);
                 engine_.bpmTarget.store(bpm, std::memory_order_relaxed);
             }

@@ -16,7 +16,12 @@ constexpr bool isNoteOnWithVelocity(uint32_t m) { return statusOf(m) == 0x90 && 
 constexpr bool isNoteOff(uint32_t m) { return statusOf(m) == 0x80 || (statusOf(m) == 0x90 && velocityOf(m) == 0); }
 constexpr int32_t automationStepFrames = 32;
 
-int32_t roundFrame(double value) { return static_cast<int32_t>(std::floor(value + 0.5)); }
+// Saturates, since positions and values read from a file can lie far outside 32 bits; not a number gives 0.
+int32_t roundFrame(double value) {
+    const double rounded = std::floor(value + 0.5);
+    if (!(rounded == rounded)) return 0;
+    return static_cast<int32_t>(std::clamp(rounded, static_cast<double>(INT32_MIN), static_cast<double>(INT32_MAX)));
+}
 
 uint32_t withChannel(uint32_t message, int32_t channel) {
     return channel >= 0 ? (message & ~0x0Fu) | static_cast<uint32_t>(channel & 0x0F) : message;

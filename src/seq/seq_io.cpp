@@ -543,7 +543,9 @@ void CSeq::load(CStream& stream, int32_t end) {
         } else if (blocks.is("prog")) {
             prog = addProg();
             float position = 0.0f;
-            if (in.f32(position)) prog->position.store(position, std::memory_order_relaxed);
+            // A song position is a tick on the timeline: not a number, or off it, starts at 0.
+            if (in.f32(position) && position >= 0.0f && position < static_cast<float>(INT32_MAX))
+                prog->position.store(position, std::memory_order_relaxed);
             in.u8(prog->loopOn);
             in.i32(prog->leftLocator);
             in.i32(prog->rightLocator);

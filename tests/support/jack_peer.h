@@ -56,7 +56,6 @@ public:
     std::vector<float> captured(int32_t input) const;
     int64_t firstFrame() const { return firstFrame_.load(std::memory_order_acquire); }
     int64_t capturedFrames() const { return count_.load(std::memory_order_acquire); }
-    int32_t blockSize() const;
 
     struct MidiHeard {
         int64_t frame;  // frame time

@@ -123,6 +123,15 @@ TEST_F(Cli, AiffAndMp3FollowTheExtensionAndLameEncodes) {
     EXPECT_NE(errors.find("Could not encode file - make sure mp3 encoder is installed properly"), std::string::npos) << errors;
     EXPECT_TRUE(readText(mp3) == before);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 7) << "the AIFF, the MP3, the decode and four logs";
+
+    // An encoder that fails is reported with its status, and the old MP3 stays as it was.
+    const auto bin = dir / "bin";
+    std::filesystem::create_directories(bin);
+    std::ofstream(bin / "lame") << "#!/bin/sh\necho broken > \"$6\"\nexit 3\n";
+    std::filesystem::permissions(bin / "lame", std::filesystem::perms::owner_all);
+    EXPECT_EQ(cli("render --demo -o '" + mp3.string() + "'", "PATH='" + bin.string() + ":/usr/bin:/bin'"), 1);
+    EXPECT_NE(errors.find("installed properly (lame failed with status 3)"), std::string::npos) << errors;
+    EXPECT_TRUE(readText(mp3) == before);
 }
 
 TEST_F(Cli, InfoDescribesAudioFilesAndRefusesOthers) {

@@ -238,7 +238,8 @@ private:
         int32_t sampleModes = 0;
         int32_t rootOverride = -1;
         int32_t attenuation = 0;  // centibels
-        int32_t release = -12000;  // timecents
+        int32_t attack = -12000, decay = -12000, release = -12000;  // timecents
+        int32_t sustain = 0;  // centibels below the peak
 
         void apply(const SoundFontGenerator& g) {
             const int32_t v = g.value();
@@ -252,6 +253,9 @@ private:
             case 3: offsets[6] = v; break;
             case 50: offsets[7] = v; break;
             case 17: pan = v; break;
+            case 34: attack = v; break;
+            case 36: decay = v; break;
+            case 37: sustain = v; break;
             case 38: release = v; break;
             case 43: keyLow = g.amount & 0xFF; keyHigh = g.amount >> 8; break;
             case 44: velLow = g.amount & 0xFF; velHigh = g.amount >> 8; break;
@@ -328,7 +332,13 @@ private:
         zone.loopStart = static_cast<int32_t>(loopStart - start);
         zone.loopEnd = static_cast<int32_t>(loopEnd - start);
         zone.attenuation = static_cast<float>(std::clamp(state.attenuation, 0, 1440)) * 0.1f;
-        zone.releaseSeconds = static_cast<float>(std::exp2(std::clamp(state.release, -12000, 8000) / 1200.0));
+        const auto seconds = [](int32_t timecents) { return static_cast<float>(std::exp2(std::clamp(timecents, -12000, 8000) / 1200.0)); };
+        // The decay falls 100 dB in its time, linearly in dB, so it reaches the sustain level sooner.
+        const int32_t sustain = std::clamp(state.sustain, 0, 1000);
+        zone.attackSeconds = seconds(state.attack);
+        zone.decaySeconds = seconds(state.decay) * static_cast<float>(sustain) / 1000.0f;
+        zone.sustainLevel = static_cast<float>(std::pow(10.0, -sustain / 200.0));
+        zone.releaseSeconds = seconds(state.release);
         return zone;
     }
 

@@ -66,6 +66,10 @@ struct SoundFontZone {
     bool loop = false;
     int32_t loopStart = 0, loopEnd = 0;  // frames from `start`
     float attenuation = 0.0f;  // dB
+    // The volume envelope: the decay runs to the sustain level (an amplitude, 0..1) in its own time.
+    float attackSeconds = 0.0f;
+    float decaySeconds = 0.0f;
+    float sustainLevel = 1.0f;
     float releaseSeconds = 0.0f;
 };
 

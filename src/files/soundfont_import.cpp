@@ -25,10 +25,10 @@ constexpr float lowestRate = 1000.0f, highestRate = 384000.0f;
 using ClipKey = std::tuple<int32_t, uint32_t, uint32_t, bool, int32_t, int32_t>;
 using ClipCache = std::map<ClipKey, CSampleClip*>;
 
-// The envelope's times are shares of its time scale.
-float releaseShare(const CEnv& envelope, float seconds) {
+// An envelope time x lasts x² of the envelope's time scale.
+float timeShare(const CEnv& envelope, float seconds) {
     const float scale = envelope.timeScale > 0 ? static_cast<float>(envelope.timeScale) * 0.001f : 5.0f;
-    return std::clamp(seconds / scale, 0.001f, 0.999f);
+    return std::clamp(std::sqrt(seconds / scale), 0.0f, 0.999f);
 }
 
 CSampleClip* clipFor(CSampler& sampler, const SoundFontBank& bank, const SoundFontZone& zone, ClipCache& clips, CUndo* undo) {
@@ -78,7 +78,12 @@ CWavSound* soundFor(CSampler& sampler, const SoundFontPresetZone& presetZone, co
     sound->pan = zone.pan;
     // The gain law squares the volume: the attenuation's amplitude is its square.
     sound->volume = std::sqrt(std::pow(10.0f, -zone.attenuation / 20.0f));
-    sound->envelope[0].releaseTime = releaseShare(sound->envelope[0], zone.releaseSeconds);
+    // The amplitude envelope scales the volume, which the gain law squares: its levels are square roots.
+    CEnv& amp = sound->envelope[0];
+    amp.attack = timeShare(amp, zone.attackSeconds);
+    amp.decay = timeShare(amp, zone.decaySeconds);
+    amp.sustain = std::sqrt(zone.sustainLevel);
+    amp.releaseTime = timeShare(amp, zone.releaseSeconds);
     sound->setBlockSize(sampler.engine ? sampler.engine->blockSize : 1024);
     sound->setSampleRate(sampler.engine ? sampler.engine->sampleRate : 44100.0f);
     return sound;

@@ -98,7 +98,7 @@ Bytes tinyFont(uint16_t versionMajor = 2) {
     phdr.text("Kit", 20).u16(1).u16(128).u16(2).u32(0).u32(0).u32(0);
     phdr.text("EOP", 20).u16(0).u16(0).u16(3).u32(0).u32(0).u32(0);
     bagsAndGens({{{17, 250}},
-                 {{43, 0 | (59 << 8)}, {51, 2}, {52, 30}, {54, 1}, {0, 10}, {3, 0xFFCE}, {53, 0}},
+                 {{43, 0 | (59 << 8)}, {51, 2}, {52, 30}, {54, 1}, {0, 10}, {3, 0xFFCE}, {36, 1200}, {37, 200}, {53, 0}},
                  {{43, 60 | (127 << 8)}, {58, 72}, {53, 0}},
                  {{53, 99}}},
                 ibag, igen);
@@ -157,6 +157,10 @@ TEST(SoundFont, GeneratorsWorkOutIntoZones) {
     EXPECT_TRUE(low.loop);
     EXPECT_EQ(low.loopStart, 90);
     EXPECT_EQ(low.loopEnd, 840);
+    // A decay of 2 s falls 100 dB; to a sustain 20 dB down it takes a fifth of that.
+    EXPECT_FLOAT_EQ(low.decaySeconds, 0.4f);
+    EXPECT_FLOAT_EQ(low.sustainLevel, 0.1f);
+    EXPECT_FLOAT_EQ(low.attackSeconds, 1.0f / 1024.0f);  // the default, -12000 timecents
 
     const files::SoundFontZone& high = lead[0].zones[1];
     EXPECT_EQ(high.rootKey, 72);  // the override

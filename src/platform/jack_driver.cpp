@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 
 #include "platform/drivers.h"
@@ -25,12 +26,11 @@ std::string serverName() {
 
 // The library's own complaints (no server, and the like) go to the debug output, not to the terminal.
 void quietLibrary() {
-    static const bool done = [] {
+    static std::once_flag once;
+    std::call_once(once, [] {
         jack_set_error_function([](const char* text) { debugLine((std::string("jack: ") + text).c_str()); });
         jack_set_info_function([](const char* text) { debugLine((std::string("jack: ") + text).c_str()); });
-        return true;
-    }();
-    (void)done;
+    });
 }
 
 jack_client_t* openClient(std::string& error) {

@@ -128,6 +128,11 @@ bool Peer::connect(const std::string& source, const std::string& destination) {
     return client_ && jack_connect(client_, source.c_str(), destination.c_str()) == 0;
 }
 
+bool Peer::connected(const std::string& source, const std::string& destination) const {
+    jack_port_t* port = client_ ? jack_port_by_name(client_, source.c_str()) : nullptr;
+    return port && jack_port_connected_to(port, destination.c_str());
+}
+
 std::string Peer::portName(const char* shortName) const {
     return std::string(jack_get_client_name(client_)) + ":" + shortName;
 }

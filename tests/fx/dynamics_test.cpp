@@ -7,7 +7,6 @@
 #include <functional>
 #include <memory>
 #include <numbers>
-#include <random>
 #include <vector>
 
 #include "engine/fx.h"
@@ -16,43 +15,29 @@
 #include "fx/dynamics.h"
 #include "fx/filter.h"
 #include "support/rt_probe.h"
+#include "support/stereo.h"
 
 namespace {
 
+using namespace stereotest;
+
 constexpr double rate = 48000.0;
 constexpr size_t tenSeconds = 480000;
-
-struct Stereo {
-    std::vector<float> left, right;
-    explicit Stereo(size_t frames) : left(frames), right(frames) {}
-    size_t size() const { return left.size(); }
-};
-
-Stereo noise(size_t frames, uint32_t seed, float amplitude) {
-    std::mt19937 random(seed);
-    std::uniform_real_distribution<float> sample(-amplitude, amplitude);
-    Stereo out(frames);
-    for (size_t i = 0; i < frames; ++i) {
-        out.left[i] = sample(random);
-        out.right[i] = sample(random);
-    }
-    return out;
-}
 
 // Left a sine, right a cosine: the sum of the squares, which the compressor's detector reads, is the
 // amplitude squared in every frame, so the level is steady without a ripple to average out.
 void addRotating(Stereo& out, size_t from, size_t to, double levelDb) {
     const double amplitude = std::pow(10.0, levelDb / 20.0), w = 2.0 * std::numbers::pi * 997.0 / rate;
     for (size_t i = from; i < to; ++i) {
-        out.left[i] = static_cast<float>(amplitude * std::sin(w * static_cast<double>(i)));
-        out.right[i] = static_cast<float>(amplitude * std::cos(w * static_cast<double>(i)));
+        out.l[i] = static_cast<float>(amplitude * std::sin(w * static_cast<double>(i)));
+        out.r[i] = static_cast<float>(amplitude * std::cos(w * static_cast<double>(i)));
     }
 }
 
 // Runs the input through the effect in blocks of `block` frames. Blocks are also cut at each frame of
 // `cuts`, where `atCut` runs first, so that a setting changes at the same frame whatever the block size.
-Stereo processInBlocks(CFX& fx, const Stereo& in, size_t block, const std::vector<size_t>& cuts = {},
-                       const std::function<void()>& atCut = {}) {
+Stereo processInBlocks(CFX& fx, const Stereo& in, size_t block, const std::vector<size_t>& cuts,
+                       const std::function<void()>& atCut) {
     Stereo out(in.size());
     size_t next = 0;
     for (size_t at = 0; at < in.size();) {
@@ -62,7 +47,7 @@ Stereo processInBlocks(CFX& fx, const Stereo& in, size_t block, const std::vecto
         }
         size_t end = std::min(in.size(), at + block);
         if (next < cuts.size()) end = std::min(end, cuts[next]);
-        fx.process(in.left.data() + at, in.right.data() + at, out.left.data() + at, out.right.data() + at,
+        fx.process(in.l.data() + at, in.r.data() + at, out.l.data() + at, out.r.data() + at,
                    static_cast<int32_t>(end - at));
         at = end;
     }
@@ -72,7 +57,7 @@ Stereo processInBlocks(CFX& fx, const Stereo& in, size_t block, const std::vecto
 // Power gain of one frame in dB, both channels together as the detector sees them.
 double frameGainDb(const Stereo& in, const Stereo& out, size_t i) {
     const auto power = [i](const Stereo& s) {
-        return double(s.left[i]) * s.left[i] + double(s.right[i]) * s.right[i];
+        return double(s.l[i]) * s.l[i] + double(s.r[i]) * s.r[i];
     };
     return 10.0 * std::log10(power(out) / power(in));
 }
@@ -90,11 +75,8 @@ TEST(CompressorCurve, SettledGainFollowsThresholdRatioAndMakeUpWithinATenthOfADe
     struct Row {
         double thresholdDb, ratio, gainDb, levelDb;
     };
-    const Row rows[] = {
-        {-20, 4, 6, -40}, {-20, 4, 6, -20},  {-20, 4, 6, -10},  {-20, 4, 6, 0},
-        {-40, 2, 0, -10}, {-40, 20, 0, 0},   {-60, 20, 24, -6}, {0, 8, -6, -3},
-        {0, 8, -6, 6},    {-100, 3, 0, -50}, {-30, 1, 12, 0},   {-100, 1, -24, -80},
-    };
+    // Below, at and above the threshold; a steep ratio with make-up; a cut over 0 dB; a ratio of 1.
+    const Row rows[] = {{-20, 4, 6, -40}, {-20, 4, 6, -20}, {-20, 4, 6, 0}, {-60, 20, 24, -6}, {0, 8, -6, 6}, {-30, 1, 12, 0}};
     constexpr size_t settle = 24000, measure = 4800; // settle: 50 attack times
     for (const Row& row : rows) {
         CCompressor compressor;
@@ -104,7 +86,7 @@ TEST(CompressorCurve, SettledGainFollowsThresholdRatioAndMakeUpWithinATenthOfADe
         compressor.rmsComp.setGain(row.gainDb);
         Stereo in(settle + measure);
         addRotating(in, 0, in.size(), row.levelDb);
-        const Stereo out = processInBlocks(compressor, in, 1024);
+        const Stereo out = run(compressor, in, 1024);
         const double expected =
             row.gainDb + (1.0 / row.ratio - 1.0) * std::max(0.0, row.levelDb - row.thresholdDb);
         for (size_t i = settle; i < in.size(); i += 97)
@@ -134,8 +116,7 @@ TEST(CompressorTiming, AttackAndReleaseTimeConstantsWithinFivePercent) {
     struct Row {
         double attackMs, releaseMs, sampleRate;
     };
-    const Row rows[] = {{1, 10, 48000},     {10, 100, 48000}, {50, 500, 48000},
-                        {200, 5000, 48000}, {10, 100, 44100}, {5, 1000, 96000}};
+    const Row rows[] = {{1, 10, 48000}, {200, 5000, 44100}, {5, 1000, 96000}};
     // -40 dB to 0 dB and back, over a -20 dB threshold at 4:1: the gain moves between 0 and -15 dB.
     for (const Row& row : rows) {
         CCompressor compressor;
@@ -153,7 +134,7 @@ TEST(CompressorTiming, AttackAndReleaseTimeConstantsWithinFivePercent) {
         addRotating(in, 0, loudAt, -40.0);
         addRotating(in, loudAt, quietAt, 0.0);
         addRotating(in, quietAt, in.size(), -40.0);
-        const Stereo out = processInBlocks(compressor, in, 1024);
+        const Stereo out = run(compressor, in, 1024);
         EXPECT_NEAR(framesToTimeConstant(in, out, loudAt, 0.0, -15.0), attack, 0.05 * attack)
             << row.attackMs << " ms";
         EXPECT_NEAR(frameGainDb(in, out, quietAt - 1), -15.0, 0.01);
@@ -189,6 +170,7 @@ TEST(CompressorDetector, CoefficientFollowsTimeConstantAndRateAndNeverDividesByZ
     EXPECT_DOUBLE_EQ(compressor.rmsComp.rms.coef, std::exp(-1000.0 / (5.0 * 96000.0)));
 }
 
+// Exact half steps and the finest grid, which noise would not hit; the hold is held against noise below.
 TEST(BitcrusherQuantise, HandWorkedFrames) {
     struct Row {
         int32_t bits, degrade;
@@ -197,13 +179,6 @@ TEST(BitcrusherQuantise, HandWorkedFrames) {
     const Row rows[] = {
         // Grid 1/4, half up: -1.5 steps go to -1, 1.2 to 1, 3.496 to 3, -4.8 to -5.
         {2, 1, {0.3f, -0.375f, 0.125f, 0.874f, -1.2f, 1e-6f}, {0.25f, -0.25f, 0.25f, 0.75f, -1.25f, 0.0f}},
-        {1, 1, {0.74f, 0.76f, -0.26f, 3.1f}, {0.5f, 1.0f, -0.5f, 3.0f}}, // not limited to -1..1
-        // A fresh crusher holds its zeros for three frames, then takes every fourth frame.
-        {4,
-         4,
-         {0.9f, 0.8f, 0.7f, 0.51f, 0.4f, 0.3f, 0.2f, -0.33f, 0.9f},
-         {0, 0, 0, 0.5f, 0.5f, 0.5f, 0.5f, -0.3125f, -0.3125f}},
-        {3, 2, {0.9f, 0.1f, 0.2f, 0.3f, 0.4f}, {0.0f, 0.125f, 0.125f, 0.25f, 0.25f}},
         // 32 bits: a sample of normal size already lies on the grid of 2^-32; a tiny one is rounded to it.
         {32, 1, {0.1f, -0.7f, 1e-12f, 3e-10f}, {0.1f, -0.7f, 0.0f, 0x1p-32f}},
     };
@@ -213,11 +188,11 @@ TEST(BitcrusherQuantise, HandWorkedFrames) {
             crusher.bits = row.bits;
             crusher.degrade = row.degrade;
             Stereo in(row.in.size());
-            (right ? in.right : in.left) = row.in;
-            const Stereo out = processInBlocks(crusher, in, 3);
-            EXPECT_EQ(right ? out.right : out.left, row.expected)
+            (right ? in.r : in.l) = row.in;
+            const Stereo out = run(crusher, in, 3);
+            EXPECT_EQ(right ? out.r : out.l, row.expected)
                 << "bits " << row.bits << " degrade " << row.degrade;
-            EXPECT_EQ(right ? out.left : out.right, std::vector<float>(row.in.size()));
+            EXPECT_EQ(right ? out.l : out.r, std::vector<float>(row.in.size()));
         }
     }
 }
@@ -227,20 +202,20 @@ TEST(BitcrusherQuantise, NoiseMatchesTheHoldAndGridAtAnyBlockSize) {
         int32_t bits, degrade;
         size_t block;
     };
-    const Row rows[] = {{1, 1, 64}, {4, 4, 1}, {8, 3, 7}, {16, 64, 1024}, {12, 17, 5}, {24, 63, 100}};
-    const Stereo in = noise(20000, 17, 1.5f);
+    const Row rows[] = {{1, 1, 64}, {4, 4, 1}, {12, 17, 5}, {24, 63, 100}};
+    const Stereo in = noise(20000, 1.5f, 17);
     for (const Row& row : rows) {
         CBitcrusher crusher;
         crusher.bits = row.bits;
         crusher.degrade = row.degrade;
-        const Stereo out = processInBlocks(crusher, in, row.block);
+        const Stereo out = run(crusher, in, row.block);
         const double step = std::pow(0.5, row.bits);
         for (size_t i = 0; i < in.size(); ++i) {
             const size_t held = (i + 1) / row.degrade * row.degrade; // frames degrade-1, 2 degrade-1, ...
-            const float holdL = held ? in.left[held - 1] : 0.0f, holdR = held ? in.right[held - 1] : 0.0f;
-            ASSERT_EQ(out.left[i], static_cast<float>(std::floor(holdL / step + 0.5) * step))
+            const float holdL = held ? in.l[held - 1] : 0.0f, holdR = held ? in.r[held - 1] : 0.0f;
+            ASSERT_EQ(out.l[i], static_cast<float>(std::floor(holdL / step + 0.5) * step))
                 << "bits " << row.bits << " frame " << i;
-            ASSERT_EQ(out.right[i], static_cast<float>(std::floor(holdR / step + 0.5) * step))
+            ASSERT_EQ(out.r[i], static_cast<float>(std::floor(holdR / step + 0.5) * step))
                 << "bits " << row.bits << " frame " << i;
         }
     }
@@ -275,11 +250,8 @@ TEST(FilterResponse, EachOutputFollowsItsTransferFunction) {
         int32_t cycles; // in the window of 4800 frames
     };
     const Row rows[] = {
-        {filterLowPass, 1.0f, 0.0f, 100},  {filterLowPass, 0.5f, 0.5f, 200},
-        {filterLowPass, 0.3f, 0.9f, 69},   {filterLowPass, 0.2f, 1.0f, 30},
-        {filterLowPass, 0.4f, 0.3f, 1500}, {filterBandPass, 0.3f, 0.9f, 69},
-        {filterBandPass, 0.6f, 0.2f, 500}, {filterBandPass, 0.5f, 0.0f, 10},
-        {filterHighPass, 0.4f, 0.5f, 50},  {filterHighPass, 0.8f, 0.0f, 1000},
+        {filterLowPass, 1.0f, 0.0f, 100},  {filterLowPass, 0.2f, 1.0f, 30},   {filterLowPass, 0.4f, 0.3f, 1500},
+        {filterBandPass, 0.3f, 0.9f, 69},  {filterBandPass, 0.5f, 0.0f, 10},  {filterHighPass, 0.8f, 0.0f, 1000},
         {filterHighPass, 0.3f, 0.95f, 66},
     };
     constexpr size_t settle = 96000, window = 4800;
@@ -289,24 +261,24 @@ TEST(FilterResponse, EachOutputFollowsItsTransferFunction) {
         const double w = 2.0 * std::numbers::pi * row.cycles / static_cast<double>(window);
         Stereo in(settle + window);
         for (size_t i = 0; i < in.size(); ++i)
-            in.left[i] = in.right[i] = static_cast<float>(std::cos(w * double(i)));
-        const Stereo out = processInBlocks(filter, in, 1024);
+            in.l[i] = in.r[i] = static_cast<float>(std::cos(w * double(i)));
+        const Stereo out = run(filter, in, 1024);
         std::complex<double> measured;
         for (size_t i = settle; i < in.size(); ++i)
-            measured += double(out.left[i]) * std::polar(2.0 / window, -w * double(i));
+            measured += double(out.l[i]) * std::polar(2.0 / window, -w * double(i));
         const std::complex<double> expected =
             response(row.type, row.cutoff * row.cutoff, 1.0f - row.q * 0.99f, w);
         EXPECT_LT(std::abs(measured - expected), 1e-3 * std::max(1.0, std::abs(expected)))
             << "type " << row.type << " cutoff " << row.cutoff << " q " << row.q << ": " << measured
             << " against " << expected;
-        EXPECT_EQ(out.left, out.right);
+        EXPECT_EQ(out.l, out.r);
     }
 }
 
 TEST(FilterRamp, EveryBlockSizeGivesTheSameSamples) {
     const std::vector<size_t> cuts = {0, 150, 1200, 2000}; // 150: during the first glide; 1200: unchanged
     const float targets[] = {0.2f, 0.7f, 0.7f, 0.4f};
-    const Stereo in = noise(3000, 29, 0.8f);
+    const Stereo in = noise(3000, 0.8f, 29);
     std::vector<Stereo> outs;
     for (const size_t block : {1, 7, 64, 1024}) {
         CFilterFX filter;
@@ -316,8 +288,8 @@ TEST(FilterRamp, EveryBlockSizeGivesTheSameSamples) {
         EXPECT_EQ(filter.cutoff, 0.4f);
         EXPECT_EQ(filter.rampStep, 0.0f);
         for (size_t i = 0; i < in.size(); ++i) {
-            ASSERT_EQ(outs.back().left[i], outs.front().left[i]) << "block " << block << " frame " << i;
-            ASSERT_EQ(outs.back().right[i], outs.front().right[i]) << "block " << block << " frame " << i;
+            ASSERT_EQ(outs.back().l[i], outs.front().l[i]) << "block " << block << " frame " << i;
+            ASSERT_EQ(outs.back().r[i], outs.front().r[i]) << "block " << block << " frame " << i;
         }
     }
 }
@@ -327,7 +299,7 @@ TEST(FilterRamp, ALoadedCutoffGlidesForExactly300SamplesAndAChangeOnTheWayStarts
     const Stereo silence(1);
     Stereo out(1);
     const auto frame = [&] {
-        filter.process(silence.left.data(), silence.right.data(), out.left.data(), out.right.data(), 1);
+        filter.process(silence.l.data(), silence.r.data(), out.l.data(), out.r.data(), 1);
     };
     const uint32_t loaded[FXWords::count] = {i32(filterLowPass), f32(0.25f)};
     FXWords words;
@@ -356,34 +328,27 @@ TEST(FilterState, TenSecondsOfSilenceAfterAnImpulseLeaveEveryStateZero) {
         int32_t type;
         float cutoff, q;
     };
-    const Row rows[] = {{filterLowPass, 1.0f, 0.0f},  {filterLowPass, 0.5f, 0.5f},
-                        {filterBandPass, 0.3f, 0.9f}, {filterHighPass, 0.2f, 0.95f},
-                        {filterBandPass, 0.6f, 1.0f}, {filterLowPass, 0.2f, 1.0f}};
+    const Row rows[] = {{filterLowPass, 1.0f, 0.0f}, {filterHighPass, 0.2f, 0.95f}, {filterBandPass, 0.6f, 1.0f}};
     for (const Row& row : rows) {
         CFilterFX filter;
         setSteady(filter, row.type, row.cutoff, row.q);
-        Stereo in(tenSeconds);
-        in.left[0] = 1.0f;
-        in.right[0] = -1.0f;
-        const Stereo out = processInBlocks(filter, in, 1024);
+        const Stereo out = run(filter, impulse(tenSeconds, 1.0f, -1.0f));
         for (const float state :
              {filter.low[0], filter.low[1], filter.band[0], filter.band[1], filter.high[0], filter.high[1]})
             EXPECT_EQ(state, 0.0f) << "type " << row.type << " cutoff " << row.cutoff << " q " << row.q;
-        EXPECT_EQ(out.left.back(), 0.0f);
+        EXPECT_EQ(out.l.back(), 0.0f);
     }
 }
 
 TEST(FilterState, TurningOnAgainSilencesTheOldResonance) {
     CFilterFX filter;
     setSteady(filter, filterBandPass, 0.3f, 0.95f);
-    Stereo impulse(64);
-    impulse.left[0] = impulse.right[0] = 1.0f;
-    processInBlocks(filter, impulse, 64);
+    run(filter, impulse(64, 1.0f, 1.0f), 64);
     const Stereo silence(256);
-    EXPECT_NE(processInBlocks(filter, silence, 256).left.back(), 0.0f) << "left alone, it rings on";
+    EXPECT_NE(run(filter, silence, 256).l.back(), 0.0f) << "left alone, it rings on";
     filter.setEnabled(false);
     filter.setEnabled(true);
-    EXPECT_EQ(processInBlocks(filter, silence, 256).left, silence.left);
+    EXPECT_EQ(run(filter, silence, 256).l, silence.l);
 }
 
 TEST(DynamicsSilence, CompressorAndCrusherGiveZerosAndKeepNoDenormalState) {
@@ -393,11 +358,11 @@ TEST(DynamicsSilence, CompressorAndCrusherGiveZerosAndKeepNoDenormalState) {
     Stereo in(tenSeconds);
     addRotating(in, 0, 14, 6.0);
     for (CFX* fx : {static_cast<CFX*>(&compressor), static_cast<CFX*>(&crusher)}) {
-        const Stereo out = processInBlocks(*fx, in, 1024);
+        const Stereo out = run(*fx, in, 1024);
         const auto zero = [](float v) { return v == 0.0f; };
-        EXPECT_NE(out.left[9], 0.0f);
-        EXPECT_TRUE(std::all_of(out.left.begin() + 14, out.left.end(), zero)) << "kind " << fx->subKind;
-        EXPECT_TRUE(std::all_of(out.right.begin() + 14, out.right.end(), zero)) << "kind " << fx->subKind;
+        EXPECT_NE(out.l[9], 0.0f);
+        EXPECT_TRUE(std::all_of(out.l.begin() + 14, out.l.end(), zero)) << "kind " << fx->subKind;
+        EXPECT_TRUE(std::all_of(out.r.begin() + 14, out.r.end(), zero)) << "kind " << fx->subKind;
     }
     EXPECT_EQ(crusher.holdL, 0.0f);
     EXPECT_EQ(crusher.holdR, 0.0f);
@@ -451,24 +416,20 @@ TEST(DynamicsWords, LoadThenSaveKeepsSettingsAndBringsOthersIntoTheEditorRanges)
         EXPECT_EQ(std::vector<uint32_t>(saved.word, saved.word + FXWords::count), expected)
             << "kind " << row.kind;
         fx->setSampleRate(static_cast<float>(rate));
-        const Stereo out = processInBlocks(*fx, noise(4096, 8, 2.0f), 512);
-        EXPECT_TRUE(std::all_of(out.left.begin(), out.left.end(), [](float v) { return std::isfinite(v); }));
+        const Stereo out = run(*fx, noise(4096, 2.0f, 8), 512);
+        EXPECT_TRUE(std::all_of(out.l.begin(), out.l.end(), [](float v) { return std::isfinite(v); }));
     }
 }
 
 TEST(DynamicsKinds, MadeByNumberWithTheirNames) {
     registerDynamicsEffects();
-    const std::unique_ptr<CFX> crusher(createFX(fxBitcrusher)), filter(createFX(fxFilter)),
-        compressor(createFX(fxCompressor));
-    EXPECT_NE(dynamic_cast<CBitcrusher*>(crusher.get()), nullptr);
-    EXPECT_NE(dynamic_cast<CFilterFX*>(filter.get()), nullptr);
-    EXPECT_NE(dynamic_cast<CCompressor*>(compressor.get()), nullptr);
-    EXPECT_STREQ(crusher->getName().c_str(), "Bit Crusher");
-    EXPECT_STREQ(filter->getName().c_str(), "Filter");
-    EXPECT_STREQ(compressor->getName().c_str(), "Compressor");
-    EXPECT_EQ(crusher->subKind, fxBitcrusher);
-    EXPECT_EQ(filter->subKind, fxFilter);
-    EXPECT_EQ(compressor->subKind, fxCompressor);
+    for (const auto& [kind, name] : {std::pair{fxBitcrusher, "Bit Crusher"}, std::pair{fxFilter, "Filter"},
+                                     std::pair{fxCompressor, "Compressor"}}) {
+        const std::unique_ptr<CFX> fx(createFX(kind));
+        ASSERT_NE(fx, nullptr) << name;
+        EXPECT_EQ(fx->getName(), name);
+        EXPECT_EQ(fx->subKind, kind);
+    }
 }
 
 TEST(DynamicsKinds, ProcessAllocatesAndLocksNothing) {
@@ -476,7 +437,7 @@ TEST(DynamicsKinds, ProcessAllocatesAndLocksNothing) {
     CCompressor compressor;
     CBitcrusher crusher;
     CFilterFX filter;
-    const Stereo in = noise(1024, 41, 1.0f);
+    const Stereo in = noise(1024, 1.0f, 41);
     Stereo out(1024);
     int64_t allocations = 0, locks = 0;
     {
@@ -485,7 +446,7 @@ TEST(DynamicsKinds, ProcessAllocatesAndLocksNothing) {
             if (block % 50 == 0) filter.setCutoff(0.2f + 0.003f * static_cast<float>(block));
             for (CFX* fx :
                  {static_cast<CFX*>(&compressor), static_cast<CFX*>(&crusher), static_cast<CFX*>(&filter)})
-                fx->process(in.left.data(), in.right.data(), out.left.data(), out.right.data(), 1024);
+                fx->process(in.l.data(), in.r.data(), out.l.data(), out.r.data(), 1024);
         }
         allocations = probe.allocations();
         locks = probe.locks();

@@ -267,10 +267,13 @@ TEST(Project, SaveOpenAndSaveAgainGiveTheSameBytes) {
     EXPECT_EQ(sampler->midiCablesIn.getAt(0)->output, instrument->firstOutputPort());
 }
 
+// A low rate keeps the renders short under the sanitizers; what is compared is every bit of them.
+constexpr int32_t renderRate = 16000;
+
 // Renders `ticks` of the engine's song into a float WAV file and gives back its bytes.
 std::vector<uint8_t> rendered(CQV& engine, int32_t ticks) {
     const auto path = std::filesystem::temp_directory_path() / ("vantrell_project_render_" + std::to_string(std::random_device{}()) + ".wav");
-    files::AudioWriter writer(path, {44100, 2, files::SampleFormat::float32});
+    files::AudioWriter writer(path, {renderRate, 2, files::SampleFormat::float32});
     files::renderOffline(engine, {0, ticks}, writer);
     writer.commit();
     std::vector<uint8_t> bytes = fileBytes(path);
@@ -281,18 +284,18 @@ std::vector<uint8_t> rendered(CQV& engine, int32_t ticks) {
 // The song's engine saved, then opened in a fresh engine.
 std::unique_ptr<CQV> reopened(CQV& engine) {
     auto opened = std::make_unique<CQV>(EngineOptions{false, 1});
-    opened->setSampleRate(44100.0);
+    opened->setSampleRate(renderRate);
     EXPECT_EQ(load(*opened, saved(engine)), LoadOutcome::loaded);
     return opened;
 }
 
 TEST(Project, AnOpenedSongRendersBitForBitLikeTheSongItWasSavedFrom) {
-    demo::DemoSong song(44100.0);
+    demo::DemoSong song(renderRate);
     const std::unique_ptr<CQV> opened = reopened(song.engine);
-    // Ten bars reach past the tempo change and keep the sanitizer runs short.
+    // Ten bars reach past the tempo change.
     const int32_t ticks = 10 * 4 * 960;
     const std::vector<uint8_t> direct = rendered(song.engine, ticks);
-    ASSERT_GT(direct.size(), 44100u * 8u * 20u);
+    ASSERT_GT(direct.size(), renderRate * 8u * 20u);
     EXPECT_TRUE(direct == rendered(*opened, ticks));
 }
 
@@ -302,7 +305,7 @@ TEST(Project, AMIDIFileThroughASoundFontRendersTheSameOnceMadeAProject) {
     if (!std::filesystem::exists(font) || !std::filesystem::exists(midi)) GTEST_SKIP() << "scripts/bootstrap installs mma and the SoundFonts";
     files::SoundFontBank bank;
     ASSERT_TRUE(files::readSoundFont(bank, font.c_str()));
-    files::GmSong song(44100.0, midi.c_str(), bank);
+    files::GmSong song(renderRate, midi.c_str(), bank);
     ASSERT_GT(song.samplerCount(), 1);
     const std::unique_ptr<CQV> opened = reopened(song.engine);
     // Sampled sounds and their clips come back whole as well.

@@ -5,7 +5,7 @@
 //   vantrell-cli render PROJECT.qv -o FILE [the same options]
 //   vantrell-cli import --demo | SONG.mid [--soundfont FONT.sf2] | PROJECT.qv -o OUT.qv
 //   vantrell-cli info FILE
-//   vantrell-cli play --demo [--driver jack|alsa|null] [--device NAME] [--seconds N]
+//   vantrell-cli play --demo | SONG.mid [--soundfont F] | PROJECT.qv [--driver jack|alsa|null] [--device NAME] [--seconds N]
 
 #include <cctype>
 #include <chrono>
@@ -41,6 +41,8 @@ const char* const usage =
     "       vantrell-cli render PROJECT.qv -o FILE [the options above]\n"
     "       vantrell-cli import --demo | SONG.mid [--soundfont FONT.sf2] | PROJECT.qv -o OUT.qv\n"
     "       vantrell-cli info FILE\n"
+    "       vantrell-cli play --demo | SONG.mid [--soundfont F] | PROJECT.qv [--driver jack|alsa|null]\n"
+    "                         [--device NAME] [--seconds N]   (in real time through an audio device)\n"
     "  --demo        render the built-in demo song\n"
     "  SONG.mid      render a Standard MIDI file through samplers playing the presets of a SoundFont 2 bank:\n"
     "  --soundfont F   program changes choose the presets, channel 10 plays the drum kits of bank 128\n"

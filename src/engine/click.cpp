@@ -15,7 +15,8 @@ void CClick::process(int32_t frames, float* /*scratchLeft*/, float* /*scratchRig
         return;
     const double span = ticksPerClick > 0 ? ticksPerClick : 960.0;
     tickPos += ticksPerFrame(engine->bpm.load(std::memory_order_relaxed), engine->sampleRate) * frames;
-    while (tickPos >= span) tickPos -= span;
+    // A modulo rather than a loop of subtractions: a tempo far out of range must not stall the cycle.
+    tickPos = std::isfinite(tickPos) ? std::fmod(tickPos, span) : 0.0;
     samplePos += frames * static_cast<double>(speed);
     if (countInFrames != 0) countInFrames = countInFrames > frames ? countInFrames - frames : 0;
 }

@@ -131,6 +131,9 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
     // A track and a sampler for each channel and preset, in the order of their first note.
     std::map<std::pair<uint32_t, const SoundFontPreset*>, VoiceTrack> voices;
     std::vector<std::vector<VoiceTrack*>> byChannel(16);
+    // Parts end with the last note and the render runs a tail beyond them: the rule a project of this
+    // song renders by, so both give the same file.
+    const auto partTicks = static_cast<int32_t>(std::min<int64_t>(end, int64_t{1} << 30));
     lengthTicks_ = static_cast<int32_t>(std::min<int64_t>(end + tailTicks, int64_t{1} << 30));
     for (size_t i = 0; i < events.size(); ++i) {
         if (!presetOf[i]) continue;
@@ -151,13 +154,15 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
             }
         sampler->programs.add(program);
         sampler->firstOutputChannel()->volume = faderPosition;
+        // The song starts at its fader level, as it does once saved and opened, rather than ramping there.
+        sampler->firstOutputChannel()->snapRamps();
         sampler->midiCablesIn.add(makeMIDICable(sampler, track->firstOutputPort(), sampler->firstInputPort()));
         out->audioCablesIn.add(makeAudioCable(out, sampler->firstOutputChannel(), out->firstInputChannel()));
 
         CSongTrack& songTrack = *prog.songTrackOf(track);
         auto* part = new CMIDIPart();
         part->start = 0;
-        part->length = lengthTicks_;
+        part->length = partTicks;
         part->songTrack = &songTrack;
         songTrack.parts.add(part);
         at->second.part = part;

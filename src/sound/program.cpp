@@ -1,5 +1,8 @@
 #include "sound/program.h"
 
+#include "fx/delay.h"
+#include "fx/reverb.h"
+
 CLayer::CLayer(CSynthProg* prog) : CObject(0, subKindLayer), prog(prog) { name = "Layer"; }
 
 CLayer::~CLayer() { sounds.deleteAll(); }
@@ -12,8 +15,9 @@ void CLayer::addSound(CSound* sound) {
 
 CSynthProg::CSynthProg(int32_t blockSize, float sampleRate) : CObject(0, subKindSynthProg) {
     name = "program";
-    fx[0].reset(createFX(fxReverb));
-    fx[1].reset(createFX(fxDelay));
+    // Made directly rather than through the effect registry: the sampler casts them to their classes.
+    fx[0] = std::make_unique<CReverb>();
+    fx[1] = std::make_unique<CDelay>();
     fx[0]->name = "Reverb";
     fx[1]->name = "Delay";
     for (const std::unique_ptr<CFX>& effect : fx) {

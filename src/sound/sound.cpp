@@ -6,6 +6,8 @@
 
 #include "core/stream.h"
 #include "engine/engine.h"
+#include "fx/chorus.h"
+#include "fx/phaser.h"
 #include "core/block_in.h"
 #include "sound/fx_state.h"
 #include "sound/osc_sound.h"
@@ -120,8 +122,9 @@ CSound::CSound(int32_t subKind) : CObject(0, subKind) {
         lfo[i].id = 7 + i;
         lfo[i].params[0].index = targetPitch + i;
     }
-    fx[0].reset(createFX(fxPhaser));
-    fx[1].reset(createFX(fxChorus));
+    // Made directly rather than through the effect registry: the sampler casts them to their classes.
+    fx[0] = std::make_unique<CPhaser>();
+    fx[1] = std::make_unique<CChorus>();
     fx[0]->name = "Phaser";
     fx[1]->name = "Chorus";
 }

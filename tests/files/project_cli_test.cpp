@@ -80,6 +80,14 @@ TEST_F(ProjectCli, AMIDIFileBecomesAProjectWithATrackForEachOfItsTracks) {
     ASSERT_NE(loaded, nullptr);
     EXPECT_EQ(loaded->tracks.count(), seq->tracks.count());
     EXPECT_EQ(loaded->getLength(), seq->getLength());
+
+    // Through a SoundFont, the project renders the same file as the MIDI file does.
+    const std::string font = "/usr/share/sounds/sf2/TimGM6mb.sf2";
+    ASSERT_EQ(cli("import '" + midiExample.string() + "' --soundfont " + font + " -o gm.qv"), 0) << errors;
+    ASSERT_EQ(cli("render gm.qv -o project.wav --rate 8000"), 0) << errors;
+    ASSERT_EQ(cli("render '" + midiExample.string() + "' --soundfont " + font + " -o song.wav --rate 8000"), 0) << errors;
+    EXPECT_GT(file("song.wav").size(), 8000u * 4u * 5u);
+    EXPECT_TRUE(file("project.wav") == file("song.wav"));
 }
 
 TEST_F(ProjectCli, BadImportsFailWithAMessage) {

@@ -78,15 +78,7 @@ void openInto(CQV& engine, const std::filesystem::path& path) {
 
 // A MIDI file's tracks, each played by a sampler of its own through one audio output.
 void buildFromMIDI(CQV& engine, const std::filesystem::path& path) {
-    // A sampler's send effects come from the effect registry.
-    registerSoundComponents();
-    engine.setSampleRate(importRate);
-    auto* seq = new CSeq(&engine);
-    seq->createPorts();
-    engine.addComp(seq);
-    auto* out = new CAudioOut(&engine);
-    out->createPorts();
-    engine.addComp(out);
+    const auto [seq, out] = files::addSongFrame(engine, importRate);
     const files::MidiImport imported = files::importMIDI(*seq, nullptr, path.c_str(), nullptr, 0);
     if (!imported.isMidi) throw std::runtime_error(path.string() + ": not a Standard MIDI file");
     for (CTrack* track : imported.newTracks) {

@@ -82,17 +82,21 @@ struct VoiceTrack {
 
 }  // namespace
 
-GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& bank) : engine(EngineOptions{false, 1}) {
+SongFrame addSongFrame(CQV& engine, double sampleRate) {
     registerSoundComponents();
     engine.setSampleRate(sampleRate);
-    engine.setLoop(false);
-
     auto* seq = new CSeq(&engine);
     seq->createPorts();
     engine.addComp(seq);
     auto* out = new CAudioOut(&engine);
     out->createPorts();
     engine.addComp(out);
+    return {seq, out};
+}
+
+GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& bank) : engine(EngineOptions{false, 1}) {
+    const auto [seq, out] = addSongFrame(engine, sampleRate);
+    engine.setLoop(false);
 
     if (!CFileStream(midiPath, CFileStream::openRead).isOpen()) throw SongError(std::string("can't open ") + midiPath.c_str());
     const MidiImport imported = importMIDI(*seq, nullptr, midiPath, nullptr, 0);

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "engine/engine.h"
+#include "engine/io.h"
+#include "seq/seq.h"
 #include "files/soundfont.h"
 
 namespace files {
@@ -18,6 +20,14 @@ class SongError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
+
+// Where a song built from a MIDI file starts: the sampler's classes registered, the engine at the rate,
+// and a sequencer and an audio output added to it.
+struct SongFrame {
+    CSeq* seq;
+    CAudioOut* out;
+};
+SongFrame addSongFrame(CQV& engine, double sampleRate);
 
 class GmSong {
 public:

@@ -8,7 +8,7 @@
 #include <ctime>
 
 #include "sound/sampler.h"
-#include "support/engine_graph.h"
+#include "sampler_rig.h"
 
 namespace {
 
@@ -18,13 +18,9 @@ constexpr double rate = 48000.0;
 void renderVoices(benchmark::State& state) {
     const auto program = static_cast<int32_t>(state.range(0));
     const auto voices = static_cast<int32_t>(state.range(1));
-    registerSoundComponents();
-    CQV engine(EngineOptions{false, 1});
-    engine.setSampleRate(rate);
-    engine.setBlockSize(frames);
-    auto* out = testgraph::add<CAudioOut>(engine);
-    auto* sampler = testgraph::add<CSampler>(engine);
-    testgraph::connectAudio(*sampler, *out);
+    SamplerRig rig(frames, rate);
+    CQV& engine = rig.engine;
+    CSampler* sampler = rig.sampler;
     sampler->setProgram(program);
     CString name;
     sampler->factoryProgram(nullptr, program, &name, false);

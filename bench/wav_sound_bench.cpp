@@ -12,7 +12,7 @@
 
 #include "sound/sampler.h"
 #include "sound/wav_sound.h"
-#include "support/engine_graph.h"
+#include "sampler_rig.h"
 
 namespace {
 
@@ -59,13 +59,9 @@ CSampleClip* noiseClip() {
 
 void sampledVoices(benchmark::State& state) {
     const auto voices = static_cast<int32_t>(state.range(0));
-    registerSoundComponents();
-    CQV engine(EngineOptions{false, 1});
-    engine.setSampleRate(rate);
-    engine.setBlockSize(frames);
-    auto* out = testgraph::add<CAudioOut>(engine);
-    auto* sampler = testgraph::add<CSampler>(engine);
-    testgraph::connectAudio(*sampler, *out);
+    SamplerRig rig(frames, rate);
+    CQV& engine = rig.engine;
+    CSampler* sampler = rig.sampler;
     sampler->programs.deleteAll();
     sampler->programs.add(sampler->makeDefaultProgram());
     CSampleClip* clip = noiseClip();

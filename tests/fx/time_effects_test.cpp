@@ -163,17 +163,6 @@ TEST(Delay, ShorterTimeWhileRunningRestartsInsideTheLine) {
     EXPECT_EQ(firstNonZero(run(delay, impulse(1000, 1.0f, 0.0f, 100)).l, 101), 100u + 480u);
 }
 
-TEST(Delay, LentBuffersAreUsedInPlaceOfOwnOnes) {
-    auto left = std::make_unique<float[]>(CDelay::bufferFrames);
-    auto right = std::make_unique<float[]>(CDelay::bufferFrames);
-    CDelay delay;
-    delay.shareBuffers(left.get(), right.get());
-    delay.setEnabled(true);
-    run(delay, impulse(16, 1.0f, 1.0f));
-    EXPECT_EQ(left[0], 0.5f);
-    EXPECT_EQ(right[0], 0.5f);
-}
-
 // ---------------------------------------------------------------------------------------------------
 // Reverb
 
@@ -247,6 +236,11 @@ TEST(Reverb, MatchesTheNetworkWorkedOutInDoublePrecision) {
     for (const auto& [rate, sizeMs, preDelayMs] :
          {std::tuple{44100.0f, 4000, 20}, std::tuple{48000.0f, 400, 0}, std::tuple{96000.0f, 1500, 400}}) {
         const Stereo got = run(*reverbAt(rate, sizeMs, preDelayMs, 0.5f, 0.8f), in);
+        // Block boundaries must not show: a frame at a time and long blocks give the same bits.
+        for (const size_t block : {1u, 4096u}) {
+            const Stereo other = run(*reverbAt(rate, sizeMs, preDelayMs, 0.5f, 0.8f), in, block);
+            ASSERT_TRUE(other.l == got.l && other.r == got.r) << "block " << block << ", rate " << rate;
+        }
         const Stereo want = referenceReverb(in, rate, sizeMs, preDelayMs, 0.5, 0.8);
         // The modulated read positions are floats, whose rounding the all-pass interpolation carries on
         // for a while: the error stays some 40 dB below the signal, where a misplaced tap, sign or
@@ -263,24 +257,6 @@ TEST(Reverb, MatchesTheNetworkWorkedOutInDoublePrecision) {
     }
 }
 
-TEST(Reverb, ImpulseResponseIsBitIdenticalInAnyBlockSize) {
-    const Stereo in = impulse(2 * 48000, 1.0f, 0.25f);
-    const Stereo a = run(*reverbAt(48000.0f, 4000), in);
-    for (const size_t block : {1u, 1000u, 4096u}) {
-        const Stereo b = run(*reverbAt(48000.0f, 4000), in, block);
-        ASSERT_EQ(a.l, b.l) << block;
-        ASSERT_EQ(a.r, b.r) << block;
-    }
-}
-
-TEST(Reverb, StoredSizeWordTakesWholeSecondsFromOne) {
-    CReverb reverb;
-    for (const auto& [word, sizeMs] : {std::pair{2999.0f, 2000}, std::pair{10.0f, 1000}}) {
-        reverb.setSize(word);
-        EXPECT_EQ(reverb.size, sizeMs) << word;
-    }
-}
-
 bool reverbStateIsZero(const CReverb& reverb) {
     auto lineZero = [](const MDelayLine& line) {
         return allZero(line.buffer.get(), static_cast<size_t>(line.size));
@@ -292,18 +268,16 @@ bool reverbStateIsZero(const CReverb& reverb) {
                        [](const MLPF1a& f) { return f.y == 0.0f; });
 }
 
-TEST(Reverb, SilentInputWithoutTailLeavesTheOutputAsItWas) {
-    auto reverb = reverbAt(48000.0f, 4000, 20, 1.0f, 1.0f);
-    Stereo in(4096);
-    for (size_t i = 0; i < in.size(); ++i)
-        in.l[i] = i % 2 == 0 ? 1e-7f : -1e-7f; // 1e-11 a block
-    const Stereo out = run(*reverb, in, blockFrames, 0.5f);
-    EXPECT_EQ(reverb->activity, CReverb::idle);
-    EXPECT_TRUE(std::all_of(out.l.begin(), out.l.end(), [](float x) { return x == 0.5f; }));
-}
-
 TEST(Reverb, StopsAfterTwoSecondsOfSilentOutputInARowAndWakesInTheBlockWhereInputReturns) {
-    auto reverb = reverbAt(48000.0f, 1000);
+    auto reverb = reverbAt(48000.0f, 1000, 20, 1.0f);
+    // Input too faint to count (1e-11 a block) leaves a fresh reverb idle and the output as it was.
+    Stereo faint(4096);
+    for (size_t i = 0; i < faint.size(); ++i)
+        faint.l[i] = i % 2 == 0 ? 1e-7f : -1e-7f;
+    const Stereo untouched = run(*reverb, faint, blockFrames, 0.5f);
+    EXPECT_EQ(reverb->activity, CReverb::idle);
+    EXPECT_TRUE(std::all_of(untouched.l.begin(), untouched.l.end(), [](float x) { return x == 0.5f; }));
+    reverb->dry = 0.0f;
     // 2 s at 48 kHz are 93.75 blocks: the 94th silent block in a row is the one that counts past them.
     constexpr int32_t quietBlocksToIdle = 94;
     Stereo in = impulse(blockFrames, 1.0f, 1.0f);
@@ -557,10 +531,7 @@ template <typename T> const T& as(const CFX& fx) {
 
 const std::vector<Kind>& kinds() {
     static const std::vector<Kind> all{
-        {"Delay",
-         fxDelay,
-         1.0f,
-         0.5f,
+        {"Delay", fxDelay, 1.0f, 0.5f,
          [](CFX& fx) {
              auto& d = static_cast<CDelay&>(fx);
              d.setSync(0);
@@ -579,18 +550,12 @@ const std::vector<Kind>& kinds() {
                                d.timeRight,
                                d.cross) == std::tuple(0.3f, 0, 3, 8, 5, 16, 125.5f, 333.0f, 0.4f);
          }},
-        {"Reverb",
-         fxReverb,
-         1.0f,
-         0.2f,
+        {"Reverb", fxReverb, 1.0f, 0.2f,
          [](CFX& fx) { static_cast<CReverb&>(fx).setSizeMs(1000); },
          [](const CFX& fx) { return reverbStateIsZero(as<CReverb>(fx)); },
          {asWord(75), asWord(7000.0f)},
          [](const CFX& fx) { return as<CReverb>(fx).preDelay == 75 && as<CReverb>(fx).size == 7000; }},
-        {"Chorus",
-         fxChorus,
-         0.5f,
-         0.5f,
+        {"Chorus", fxChorus, 0.5f, 0.5f,
          [](CFX& fx) { static_cast<CChorus&>(fx).setFeedback(0.9f); },
          [](const CFX& fx) {
              return allZero(as<CChorus>(fx).bufL.get(), CChorus::bufferFrames) &&
@@ -602,10 +567,7 @@ const std::vector<Kind>& kinds() {
              return std::tuple(c.delay, c.depth, c.phase, c.feedback, c.rate) ==
                     std::tuple(35.0f, 0.6f, 120.0f, -0.25f, 1.5f);
          }},
-        {"Phaser",
-         fxPhaser,
-         0.5f,
-         0.5f,
+        {"Phaser", fxPhaser, 0.5f, 0.5f,
          [](CFX& fx) { static_cast<CPhaser&>(fx).feedback = -1.0f; },
          [](const CFX& fx) {
              const auto& p = as<CPhaser>(fx);

@@ -26,8 +26,6 @@ float wave(int64_t frame, int side) {
     return static_cast<float>(0.6 * std::sin(0.0131 * static_cast<double>(frame) + 0.7 + side) + 0.05 * side);
 }
 
-float impulse(int64_t frame, int /*side*/) { return frame == 0 ? 1.0f : 0.0f; }
-
 // Plays a signal of the absolute frame into its one output channel; its input port takes param events.
 class Player : public CComp {
 public:
@@ -171,14 +169,6 @@ TEST(Fader, RampedSquareLawIsExactAtEveryBlockSize) {
         EXPECT_EQ(firstDifference(got.left, runs.front().left), noDifference) << "block " << block;
         EXPECT_EQ(firstDifference(got.right, runs.front().right), noDifference) << "block " << block;
     }
-
-    // The fixed points of the law: volume 0.5 is a quarter, reached exactly 132 frames after the change.
-    const Captured& got = runs.front();
-    EXPECT_EQ(got.left[99], wave(99, 0));
-    EXPECT_NE(got.left[150 + ramp - 1], 0.64f * wave(150 + ramp - 1, 0));
-    EXPECT_EQ(got.left[150 + ramp], 0.8f * wave(150 + ramp, 0) * 0.8f);
-    EXPECT_EQ(got.left[1200 + ramp], 0.0f) << "muted after one ramp";
-    EXPECT_NE(got.left[1200 + ramp - 1], 0.0f);
 }
 
 TEST(Strip, SoloSilencesEveryStripButGroupsAndOutputs) {
@@ -355,7 +345,6 @@ TEST(Strip, ParameterTableMapsEventValues) {
     };
     const Row rows[] = {
         {0, 0.5f, "Volume", [](const COutputChannel& c) { return c.volume.load(); }, 0.5f, "-12.04 dB"},
-        {1, 0.0f, "Pan", [](const COutputChannel& c) { return c.pan.load(); }, -1.0f, "L64"},
         {2, 0.6f, "Mute", [](const COutputChannel& c) { return float(c.mute.load()); }, 1.0f, "on"},
         {8, 0.75f, "EQ3 gain", [](const COutputChannel& c) { return c.eqSettings[1].gain.load(); }, 12.0f, "12.0 dB"},
         {13, 2.0f, "EQ2 freq", [](const COutputChannel& c) { return c.eqSettings[2].freq.load(); }, 20000.0f, "20000 Hz"},
@@ -567,38 +556,6 @@ TEST(Latency, DirectPathsSendsAndGroupsMeetOnOneFrame) {
         EXPECT_EQ(direct->firstOutputChannel()->sendDelay, 37);
         EXPECT_EQ(slow->firstOutputChannel()->sendDelay, 0);
     }
-}
-
-TEST(Strip, TenSecondsOfSilenceAfterAnImpulseLeaveEveryStateAtZero) {
-    constexpr int32_t block = 1024;
-    Rig rig(block, 1);
-    Player* player = rig.player(impulse);
-    COutputChannel* channel = player->firstOutputChannel();
-    COutputChannel* groupChannel = rig.groups[0]->firstOutputChannel();
-    for (COutputChannel* c : {channel, groupChannel}) {
-        for (int32_t band = 0; band < COutputChannel::eqBands; ++band) {
-            const int32_t first = stripparam::firstEQ + band * 4;
-            c->setParam(first, 1.0f);
-            c->setParam(first + 1, band % 2 ? 0.2f : 0.9f);
-            c->setParam(first + 3, 1.0f);  // the narrowest band rings longest
-        }
-    }
-    channel->sends[0]->level = 1.0f;
-    channel->sendDelay = 300;
-    const int cycles = static_cast<int>(10.0 * rate / block) + 1;
-    for (int cycle = 0; cycle < cycles; ++cycle) rig.engine.runCycle(block);
-
-    for (COutputChannel* c : {channel, groupChannel}) {
-        for (const CEQ& eq : c->eq) {
-            for (float state : {eq.x1L, eq.x2L, eq.y1L, eq.y2L, eq.x1R, eq.x2R, eq.y1R, eq.y2R}) ASSERT_EQ(state, 0.0f);
-        }
-        for (int32_t i = 0; i < maxBlockFrames; ++i) {
-            ASSERT_EQ(c->delayLeft[i], 0.0f) << i;
-            ASSERT_EQ(c->delayRight[i], 0.0f) << i;
-        }
-        for (int32_t i = 0; i < block; ++i) ASSERT_EQ(c->left()[i], 0.0f);
-    }
-    EXPECT_GT(channel->holdLeft.load(), 0.0f) << "the impulse did pass";
 }
 
 TEST(Sends, ParallelPathIsBitIdenticalWithSendsLive) {

@@ -2,7 +2,6 @@
 
 #include <sys/resource.h>
 
-#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -13,24 +12,22 @@
 #include <string>
 #include <vector>
 
-#include "demo_song.h"
 #include "core/stream.h"
 #include "engine/fx.h"
-#include "files/gm_song.h"
 #include "files/project.h"
-#include "files/render.h"
-#include "files/soundfont.h"
 #include "fx/effect.h"
 #include "fx/effects.h"
 #include "fx/mixer.h"
+#include "seq/seq.h"
 #include "sound/sampler.h"
+#include "support/bytes.h"
 #include "support/engine_graph.h"
 
 namespace {
 
 using files::LoadOutcome;
 
-std::vector<uint8_t> bytesOf(CMemoryStream& stream) { return {stream.data(), stream.data() + stream.getSize()}; }
+using bytestest::bytesOf;
 
 std::vector<uint8_t> saved(CQV& engine, CMixer* mixer = nullptr) {
     CMemoryStream stream;
@@ -53,8 +50,7 @@ struct Messages {
 
 LoadOutcome load(CQV& engine, const std::vector<uint8_t>& bytes, const files::ProjectContext& context = {}) {
     CMemoryStream stream;
-    stream.write(bytes.data(), static_cast<int32_t>(bytes.size()));
-    stream.seek(0, seekFromStart);
+    bytestest::fill(stream, bytes);
     return files::readProject(engine, stream, context);
 }
 
@@ -231,26 +227,14 @@ TEST(Project, SaveOpenAndSaveAgainGiveTheSameBytes) {
     EXPECT_TRUE(messages.said.empty()) << messages.said.front();
     EXPECT_EQ(saved(engine, &mixer), first);
 
-    // What was read is a working model, not only bytes carried through.
+    // The links the loader makes, which a second save would write the same without them.
     ASSERT_EQ(engine.comps.count(), project.engine.comps.count());
-    ASSERT_EQ(engine.groupChannels.count(), 1);
-    EXPECT_EQ(engine.bpm.load(), 133.0f);
-    EXPECT_EQ(engine.timeSigDen, 8);
-    EXPECT_EQ(mixer.programs.count(), 1);
     CSeq* seq = sequencerOf(engine);
     ASSERT_NE(seq, nullptr);
-    ASSERT_EQ(seq->tracks.count(), 4);
     CTrack* instrument = seq->tracks.getAt(1);
-    EXPECT_EQ(instrument->parentFolder, seq->tracks.getAt(0));
-    EXPECT_EQ(instrument->channel, -1);
-    EXPECT_EQ(seq->inputPorts.count(), project.seq->inputPorts.count());
-    EXPECT_EQ(seq->program, 1);
     CSongTrack& songTrack = *seq->prog(0)->songTracks.getAt(1);
     ASSERT_EQ(songTrack.parts.count(), 2);
     EXPECT_EQ(songTrack.parts.getAt(0)->ghostSource, songTrack.parts.getAt(1)->ghostSource);
-    int32_t notes = 0;
-    for (CEventRec* event = songTrack.parts.getAt(0)->getEvents(); event; event = event->next) ++notes;
-    EXPECT_EQ(notes, 41);
     EXPECT_EQ(seq->prog(0)->nextMarker, seq->prog(0)->markers.getAt(0));
 
     auto* sampler = static_cast<CSampler*>(engine.comps.getAt(5));
@@ -265,55 +249,6 @@ TEST(Project, SaveOpenAndSaveAgainGiveTheSameBytes) {
     EXPECT_EQ(instrument->subTracks.getAt(4)->target, strip.sends[0]);
     ASSERT_EQ(sampler->midiCablesIn.count(), 1);
     EXPECT_EQ(sampler->midiCablesIn.getAt(0)->output, instrument->firstOutputPort());
-}
-
-// A low rate keeps the renders short under the sanitizers; what is compared is every bit of them.
-constexpr int32_t renderRate = 16000;
-
-// Renders `ticks` of the engine's song into a float WAV file and gives back its bytes.
-std::vector<uint8_t> rendered(CQV& engine, int32_t ticks) {
-    const auto path = std::filesystem::temp_directory_path() / ("vantrell_project_render_" + std::to_string(std::random_device{}()) + ".wav");
-    files::AudioWriter writer(path, {renderRate, 2, files::SampleFormat::float32});
-    files::renderOffline(engine, {0, ticks}, writer);
-    writer.commit();
-    std::vector<uint8_t> bytes = fileBytes(path);
-    std::filesystem::remove(path);
-    return bytes;
-}
-
-// The song's engine saved, then opened in a fresh engine.
-std::unique_ptr<CQV> reopened(CQV& engine) {
-    auto opened = std::make_unique<CQV>(EngineOptions{false, 1});
-    opened->setSampleRate(renderRate);
-    EXPECT_EQ(load(*opened, saved(engine)), LoadOutcome::loaded);
-    return opened;
-}
-
-TEST(Project, AnOpenedSongRendersBitForBitLikeTheSongItWasSavedFrom) {
-    demo::DemoSong song(renderRate);
-    const std::unique_ptr<CQV> opened = reopened(song.engine);
-    // Ten bars reach past the tempo change.
-    const int32_t ticks = 10 * 4 * 960;
-    const std::vector<uint8_t> direct = rendered(song.engine, ticks);
-    ASSERT_GT(direct.size(), renderRate * 8u * 20u);
-    EXPECT_TRUE(direct == rendered(*opened, ticks));
-}
-
-TEST(Project, AMIDIFileThroughASoundFontRendersTheSameOnceMadeAProject) {
-    const std::filesystem::path font = "/usr/share/sounds/sf2/TimGM6mb.sf2";
-    const std::filesystem::path midi = "/usr/share/doc/mma/examples/misc/cascade.mid";
-    if (!std::filesystem::exists(font) || !std::filesystem::exists(midi)) GTEST_SKIP() << "scripts/bootstrap installs mma and the SoundFonts";
-    files::SoundFontBank bank;
-    ASSERT_TRUE(files::readSoundFont(bank, font.c_str()));
-    files::GmSong song(renderRate, midi.c_str(), bank);
-    ASSERT_GT(song.samplerCount(), 1);
-    const std::unique_ptr<CQV> opened = reopened(song.engine);
-    // Sampled sounds and their clips come back whole as well.
-    EXPECT_EQ(saved(*opened), saved(song.engine));
-    const int32_t ticks = std::min(song.lengthTicks(), 8 * 4 * 960);
-    const std::vector<uint8_t> direct = rendered(song.engine, ticks);
-    ASSERT_TRUE(std::any_of(direct.begin() + 44, direct.end(), [](uint8_t byte) { return byte != 0; }));
-    EXPECT_TRUE(direct == rendered(*opened, ticks));
 }
 
 TEST(Project, DamagedFilesLoadWhatTheyCanAndNeverCrash) {

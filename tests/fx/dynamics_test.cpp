@@ -144,8 +144,13 @@ TEST(CompressorTiming, AttackAndReleaseTimeConstantsWithinFivePercent) {
 }
 
 // Coefficient 0, a detector that follows at once, stands for any product of time and rate that is not
-// above 0, instead of a division by zero.
-TEST(CompressorDetector, ATimeOrRateNotAboveZeroFollowsAtOnceInsteadOfDividingByZero) {
+// above 0, instead of a division by zero. The timing test measures the others, but not the level detector.
+TEST(CompressorDetector, AllThreeTakeTheRateAndATimeOrRateNotAboveZeroFollowsAtOnce) {
+    CCompressor compressor;
+    compressor.setSampleRate(96000.0f);
+    EXPECT_DOUBLE_EQ(compressor.rmsComp.attack.coef, std::exp(-1000.0 / (10.0 * 96000.0)));
+    EXPECT_DOUBLE_EQ(compressor.rmsComp.release.coef, std::exp(-1000.0 / (100.0 * 96000.0)));
+    EXPECT_DOUBLE_EQ(compressor.rmsComp.rms.coef, std::exp(-1000.0 / (5.0 * 96000.0)));
     for (const auto& [ms, sampleRate] : {std::pair{0.0, 48000.0}, std::pair{10.0, 0.0}, std::pair{-3.0, 48000.0},
                                          std::pair{std::nan(""), 48000.0}}) {
         comp::EnvelopeDetector detector(1.0);

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <memory>
+#include <tuple>
 #include <vector>
 
 #include "core/stream.h"
@@ -373,6 +375,21 @@ TEST(EffectFile, CopyIsDeepAndSavesTheSame) {
     EXPECT_EQ(twin->power.load(), 0);
     EXPECT_EQ(twin->inputChannels.count() + twin->outputChannels.count() + twin->inputPorts.count(), 3);
     EXPECT_NE(twin->effectProgram(0)->effects.getAt(0), fx);
+}
+
+// The rigs above build the component directly; this is how a project or the user gets one.
+TEST(EffectComponent, FactoryMakesAStereoMultiEffectAndUnknownKindsStandIn) {
+    registerEffects();
+    CQV engine(EngineOptions{false, 1});
+    std::unique_ptr<CComp> comp(createComp(&engine, compEffect));
+    auto* effect = dynamic_cast<CEffect*>(comp.get());
+    ASSERT_NE(effect, nullptr);
+    EXPECT_STREQ(effect->getName().c_str(), "Multi Effect");
+    effect->createPorts();
+    EXPECT_EQ(std::tuple(effect->inputPorts.count(), effect->outputPorts.count(), effect->firstInputChannel()->channels,
+                         effect->firstOutputChannel()->channels),
+              std::tuple(1, 0, 2, 2));
+    EXPECT_EQ(std::unique_ptr<CFX>(createFX(13))->subKind, fxUnknown) << "a kind in range that nothing registered";
 }
 
 TEST(EffectRealTime, ProcessAllocatesNothing) {

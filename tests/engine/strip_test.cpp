@@ -169,6 +169,9 @@ TEST(Fader, RampedSquareLawIsExactAtEveryBlockSize) {
         EXPECT_EQ(firstDifference(got.left, runs.front().left), noDifference) << "block " << block;
         EXPECT_EQ(firstDifference(got.right, runs.front().right), noDifference) << "block " << block;
     }
+    // A ramp lands on its target exactly, not a rounding away: 0.8 squared from 150 + 132 on, mute at 0.
+    EXPECT_EQ(runs.front().left[150 + ramp], 0.8f * wave(150 + ramp, 0) * 0.8f);
+    EXPECT_EQ(runs.front().left[1200 + ramp], 0.0f);
 }
 
 TEST(Strip, SoloSilencesEveryStripButGroupsAndOutputs) {

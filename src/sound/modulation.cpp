@@ -20,14 +20,6 @@ const char* targetName(int32_t index) {
     return index >= 0 && index < targetCount ? names[index] : "";
 }
 
-void applyRouting(const RoutingEntry (&entries)[routingCount], float m, float (&targets)[targetCount]) {
-    for (const RoutingEntry& entry : entries) {
-        if (entry.index < 0 || entry.index >= targetCount) continue;
-        if (isAdditiveTarget(entry.index)) targets[entry.index] += (2.0f * m - 1.0f) * entry.amount;
-        else targets[entry.index] *= (m - 1.0f) * entry.amount + 1.0f;
-    }
-}
-
 void setModulationSampleRate(double rate) {
     if (rate > 0.0) sampleRateForTimes.store(rate, std::memory_order_relaxed);
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <numbers>
 
 #include "core/block_in.h"
@@ -20,6 +21,233 @@ CString clipName(const CSampleClip& clip) {
     for (const char* c = text; *c; ++c)
         if (*c == '/' || *c == '\\') name = c + 1;
     return name;
+}
+
+
+// A chunk's starting gains and filter coefficient and their steps per sample.
+struct Ramps {
+    float gainL, gainR, filterF;
+    float dGainL, dGainR, dFilter;
+    float damping;
+};
+
+// The state-variable filter of one channel: low, band and high.
+struct Svf {
+    float low, band, high;
+
+    // low += f band; high = in - low - damping band; band += f high, with the band update expanded so
+    // that each sample's band waits on the one before through a multiply and an add, not five steps.
+    void step(float in, float f, float damping) {
+        const float nextBand = band * (1.0f - f * f - f * damping) + f * (in - low);
+        low += f * band;
+        high = in - low - damping * band;
+        band = nextBand;
+    }
+    // A constant tap keeps the three states in registers across the loop.
+    template <int32_t Tap>
+    float tap() const {
+        if constexpr (Tap == 1) return band;
+        else if constexpr (Tap == 2) return high;
+        else return low;
+    }
+};
+
+using Lanes = float __attribute__((vector_size(16)));
+using LaneBits = int32_t __attribute__((vector_size(16)));
+using FourShorts = int16_t __attribute__((vector_size(8)));
+
+Lanes loadLanes(const float* at) {
+    Lanes x;
+    std::memcpy(&x, at, sizeof x);
+    return x;
+}
+
+void storeLanes(float* at, Lanes x) { std::memcpy(at, &x, sizeof x); }
+
+Lanes magnitude(Lanes x) { return reinterpret_cast<Lanes>(reinterpret_cast<LaneBits>(x) & 0x7FFFFFFF); }
+
+float sum(Lanes x) { return (x[0] + x[1]) + (x[2] + x[3]); }
+
+// The 4-point cubic of the clip's interpolation, written as weights of the four frames around a position
+// so that it runs on all four at once. Positions are fixed point with 32 bits of fraction.
+class CubicWalk {
+public:
+    static constexpr double unit = 4294967296.0;
+
+    CubicWalk(double base, float rate)
+        : phase(std::llround(base * unit)), step(std::llround(static_cast<double>(rate) * unit)) {}
+
+    // The whole frame of the next position; `weights` get those of the frame before it, of it and of the
+    // two after it.
+    int64_t next(Lanes& weights) {
+        const int64_t n = phase >> 32;
+        const float t = static_cast<float>(static_cast<uint32_t>(phase)) * (1.0f / 4294967296.0f);
+        phase += step;
+        weights = ((Lanes{-0.5f, 1.5f, -1.5f, 0.5f} * t + Lanes{1.0f, -2.5f, 2.0f, -0.5f}) * t +
+                   Lanes{-0.5f, 0.0f, 0.5f, 0.0f}) * t +
+                  Lanes{0.0f, 1.0f, 0.0f, 0.0f};
+        return n;
+    }
+
+    int64_t first() const { return phase >> 32; }
+
+private:
+    int64_t phase;
+    int64_t step;
+};
+
+// 16-bit little-endian frames read straight from a clip held in memory. Scaling by a power of two is
+// exact, so weighting the frames and scaling the sum once gives what converting them first would.
+struct PcmSource {
+    PcmSource(const uint8_t* data, double base, float rate) : data(data), walk(base, rate) {}
+
+    template <int32_t Channels>
+    void next(float& l, float& r) {
+        Lanes w;
+        const uint8_t* y = data + (walk.next(w) - 1) * 2 * Channels;
+        if constexpr (Channels == 1) {
+            FourShorts frames;
+            std::memcpy(&frames, y, sizeof frames);
+            l = r = sum(__builtin_convertvector(frames, Lanes) * w) * scale;
+        } else {
+            LaneBits frames;
+            std::memcpy(&frames, y, sizeof frames);
+            l = sum(__builtin_convertvector((frames << 16) >> 16, Lanes) * w) * scale;
+            r = sum(__builtin_convertvector(frames >> 16, Lanes) * w) * scale;
+        }
+    }
+
+    static constexpr float scale = 1.0f / 32768.0f;
+    const uint8_t* data;
+    CubicWalk walk;
+};
+
+// Frames the clip has converted to floats, channels interleaved, starting one frame before the first
+// position.
+struct FloatSource {
+    FloatSource(const float* frames, double base, float rate)
+        : frames(frames), walk(base, rate), start(walk.first() - 1) {}
+
+    template <int32_t Channels>
+    void next(float& l, float& r) {
+        Lanes w;
+        const float* y = frames + (walk.next(w) - 1 - start) * Channels;
+        if constexpr (Channels == 1) {
+            l = r = sum(Lanes{y[0], y[1], y[2], y[3]} * w);
+        } else {
+            l = sum(Lanes{y[0], y[2], y[4], y[6]} * w);
+            r = sum(Lanes{y[1], y[3], y[5], y[7]} * w);
+        }
+    }
+
+    const float* frames;
+    CubicWalk walk;
+    int64_t start;
+};
+
+// The clip's bytes when every frame the chunk's interpolation touches lies inside a 16-bit little-endian
+// clip held in memory; null sends the chunk the general way.
+const uint8_t* directPcm16(const CSampleClip& clip, double position, double rate, int32_t chunk) {
+    if (clip.streamed || clip.bits != 16 || clip.bigEndian || (clip.channels != 1 && clip.channels != 2) || !clip.data)
+        return nullptr;
+    if (chunk > CSample::framesFitting(CSampler::scratchFrames, clip.channels, static_cast<float>(rate))) return nullptr;
+    const int64_t held = std::min<int64_t>(clip.frames, clip.dataBytes / clip.bytesPerFrame);
+    // One frame before the first position, two behind the last, and a frame of slack for rounding.
+    if (!(position >= 1.0) || !(position + static_cast<double>(chunk) * rate + 4.0 < static_cast<double>(held)))
+        return nullptr;
+    return clip.data.get();
+}
+
+// One chunk of one voice, planned: where its frames come from, its ramps and filter states, where it mixes
+// to, and the peaks it reached.
+struct ChunkJob {
+    const uint8_t* pcm = nullptr;  // the clip's frames; null for a chunk the clip converts first
+    double base = 0.0;
+    float rate = 0.0f;
+    int32_t channels = 1;
+    int32_t tap = filterLow;
+    int32_t frames = 0;
+    float* outL = nullptr;
+    float* outR = nullptr;
+    float* tapL = nullptr;  // scratch for the filter outputs of the chunk
+    float* tapR = nullptr;
+    Ramps ramps{};
+    Svf left{}, right{};
+    float peakLeft = 0.0f, peakRight = 0.0f;
+};
+
+// Adds the tapped filter output times the ramped gain into `out` and returns the peak of what it added,
+// four frames at a time.
+float addWithGain(const float* tapped, float* out, int32_t frames, float gain, float dGain, float peak) {
+    Lanes fi = {0.0f, 1.0f, 2.0f, 3.0f};
+    Lanes peaks = {peak, peak, peak, peak};
+    int32_t i = 0;
+    for (; i + 4 <= frames; i += 4) {
+        const Lanes y = loadLanes(tapped + i) * (gain + fi * dGain);
+        const Lanes size = magnitude(y);
+        const LaneBits higher = peaks < size;
+        peaks = reinterpret_cast<Lanes>((higher & reinterpret_cast<LaneBits>(size)) | (~higher & reinterpret_cast<LaneBits>(peaks)));
+        storeLanes(out + i, loadLanes(out + i) + y);
+        fi += 4.0f;
+    }
+    for (; i < frames; ++i) {
+        const float y = tapped[i] * (gain + static_cast<float>(i) * dGain);
+        peak = std::max(peak, std::fabs(y));
+        out[i] += y;
+    }
+    for (int32_t k = 0; k < 4; ++k) peak = std::max(peak, peaks[k]);
+    return peak;
+}
+
+// The filters run sample by sample into the tap buffers; the gains, peaks and mixing follow a block of
+// four at a time.
+template <int32_t Channels, int32_t Tap, bool SharedFilter, class Source>
+void runJob(ChunkJob& job, Source source) {
+    const Ramps& ramps = job.ramps;
+    Svf l = job.left, r = job.right;
+    for (int32_t i = 0; i < job.frames; ++i) {
+        float inL = 0.0f, inR = 0.0f;
+        source.template next<Channels>(inL, inR);
+        const float f = ramps.filterF + static_cast<float>(i) * ramps.dFilter;
+        l.step(inL, f, ramps.damping);
+        job.tapL[i] = l.template tap<Tap>();
+        if constexpr (!SharedFilter) {
+            r.step(inR, f, ramps.damping);
+            job.tapR[i] = r.template tap<Tap>();
+        }
+    }
+    job.left = l;
+    job.right = SharedFilter ? l : r;
+    const float* tappedRight = SharedFilter ? job.tapL : job.tapR;
+    job.peakLeft = addWithGain(job.tapL, job.outL, job.frames, ramps.gainL, ramps.dGainL, job.peakLeft);
+    job.peakRight = addWithGain(tappedRight, job.outR, job.frames, ramps.gainR, ramps.dGainR, job.peakRight);
+}
+
+template <int32_t Channels, int32_t Tap, class Source>
+void runJobTap(ChunkJob& job, const Source& source) {
+    // A mono clip feeds both filters the same samples; while their states agree one filter does for two.
+    const Svf& l = job.left;
+    const Svf& r = job.right;
+    if (Channels == 1 && l.low == r.low && l.band == r.band && l.high == r.high)
+        runJob<Channels, Tap, true>(job, source);
+    else
+        runJob<Channels, Tap, false>(job, source);
+}
+
+template <int32_t Channels, class Source>
+void runJobChannels(ChunkJob& job, const Source& source) {
+    switch (job.tap) {
+    case filterBand: runJobTap<Channels, filterBand>(job, source); break;
+    case filterHigh: runJobTap<Channels, filterHigh>(job, source); break;
+    default: runJobTap<Channels, filterLow>(job, source); break;
+    }
+}
+
+// Renders one job on its own.
+template <class Source>
+void renderJob(ChunkJob& job, const Source& source) {
+    if (job.channels == 2) runJobChannels<2>(job, source);
+    else runJobChannels<1>(job, source);
 }
 
 }  // namespace
@@ -43,119 +271,176 @@ void CWavSound::startVoice(SamplerVoice& voice) {
     voice.rateRatio = clip && voice.sampleRate > 0.0f ? clip->sampleRate / voice.sampleRate : 1.0f;
 }
 
-void CWavSound::process(float* outL, float* outR, SamplerVoice& voice, int32_t frames) {
-    if (voice.closing > 0) {
-        voice.closing -= frames;
-        if (voice.closing <= 0) voice.state = voiceFree;
-        return;
+// One voice's way through a run of frames, a chunk at a time. A chunk the clip's bytes can be
+// interpolated from directly comes out as a job for the caller to render; any other chunk is rendered on
+// the spot from frames the clip converts first.
+class CWavSound::Walk {
+public:
+    // False when the voice has nothing to render: it is closing, or its clip is gone.
+    bool begin(CWavSound& owner, SamplerVoice& walked, float* left, float* right, int32_t count) {
+        voice = &walked;
+        sound = &owner;
+        outL = left;
+        outR = right;
+        frames = count;
+        offset = 0;
+        peakLeft = peakRight = 0.0f;
+        if (voice->closing > 0) {
+            voice->closing -= frames;
+            if (voice->closing <= 0) voice->state = voiceFree;
+            return false;
+        }
+        clip = sound->sample[0];
+        if (!clip || !clip->valid) {
+            voice->state = voiceFree;
+            return false;
+        }
+        slew = 1.0f / (voice->sampleRate * 6.2831855f * 0.001f);
+        maxChunk = std::max(1, static_cast<int32_t>(std::floor(voice->sampleRate * 0.001 + 0.5)));
+        // The fastest rate whose frames of one chunk still fit the conversion scratch.
+        maxRate = std::max(1.0, static_cast<double>(CSample::framesFitting(CSampler::scratchFrames, clip->channels, 1.0f)) /
+                                    maxChunk);
+        return true;
     }
-    CSampleClip* clip = sample[0];
-    if (!clip || !clip->valid) {
-        voice.state = voiceFree;
-        return;
+
+    // The next chunk to render into `job`; false once the frames are done or the voice has ended.
+    bool next(ChunkJob& job) {
+        while (offset < frames && voice->state == voiceSounding) {
+            if (plan(job)) {
+                if (job.pcm) return true;
+                renderConverted(job);
+            }
+            finish(job);
+        }
+        return false;
     }
-    const float slew = 1.0f / (voice.sampleRate * 6.2831855f * 0.001f);
-    const int32_t maxChunk = std::max(1, static_cast<int32_t>(std::floor(voice.sampleRate * 0.001 + 0.5)));
-    // The fastest rate whose frames of one chunk still fit the conversion scratch.
-    const double maxRate =
-        std::max(1.0, static_cast<double>(CSample::framesFitting(CSampler::scratchFrames, clip->channels, 1.0f)) / maxChunk);
-    float peakLeft = peakL.load(std::memory_order_relaxed);
-    float peakRight = peakR.load(std::memory_order_relaxed);
 
-    int32_t offset = 0;
-    while (offset < frames) {
-        std::fill(std::begin(targets), std::end(targets), 0.0f);
-        targets[targetPitch] = bendSemitones();
-        targets[targetVolume] = voice.volumeScale * volume;
-        targets[targetPan] = pan + voice.panOffset;
-        targets[targetCutoff] = voice.cutoffScale * cutoff;
-        targets[targetQ] = q;
+    // Takes back the voice's state from a rendered job and steps past the chunk.
+    void finish(const ChunkJob& job) {
+        if (job.frames > 0) {
+            storeFilter(*voice, {job.left.low, job.left.band, job.left.high}, {job.right.low, job.right.band, job.right.high});
+            const auto n = static_cast<float>(job.frames);
+            voice->gainL += n * job.ramps.dGainL;
+            voice->gainR += n * job.ramps.dGainR;
+            voice->filterF += n * job.ramps.dFilter;
+            voice->firstChunk = 0;
+            voice->position += job.frames * voice->rate;
+            peakLeft = std::max(peakLeft, job.peakLeft);
+            peakRight = std::max(peakRight, job.peakRight);
+        }
+        offset += job.frames;
+        sound->endChunk(*voice, job.frames);
+        if (!last) return;
+        if (clip->loop == loopForward && clip->loopStart < voice->sampleEnd) voice->position = clip->loopStart;
+        else voice->state = voiceFree;
+    }
 
-        int32_t chunk = cutChunk(voice, std::min(frames - offset, maxChunk), WrapRounding::truncate);
+    void end() {
+        if (voice->state == voiceSounding) flushStates(*voice);
+        const auto keep = [](Meter& peak, Meter& hold, float walked) {
+            const float p = std::min(std::max(peak.load(std::memory_order_relaxed), walked), 1.0f);
+            hold.store(std::max(hold.load(std::memory_order_relaxed), p), std::memory_order_relaxed);
+            peak.store(p, std::memory_order_relaxed);
+        };
+        keep(sound->peakL, sound->holdL, peakLeft);
+        keep(sound->peakR, sound->holdR, peakRight);
+    }
+
+private:
+    // Modulation, rate and ramps of the next chunk. False for a chunk of no frames.
+    bool plan(ChunkJob& job) {
+        float* targets = sound->targets;
+        std::fill_n(targets, targetCount, 0.0f);
+        targets[targetPitch] = sound->bendSemitones();
+        targets[targetVolume] = voice->volumeScale * sound->volume;
+        targets[targetPan] = sound->pan + voice->panOffset;
+        targets[targetCutoff] = voice->cutoffScale * sound->cutoff;
+        targets[targetQ] = sound->q;
+
+        int32_t chunk = sound->cutChunk(*voice, std::min(frames - offset, maxChunk), WrapRounding::truncate);
         // Cut at the clip's end with the rate of the chunk before.
-        bool last = false;
-        if (std::trunc(chunk * voice.rate + voice.position) > voice.sampleEnd) {
-            const double left = std::trunc((voice.sampleEnd - voice.position) / voice.rate);
+        last = false;
+        if (std::trunc(chunk * voice->rate + voice->position) > voice->sampleEnd) {
+            const double left = std::trunc((voice->sampleEnd - voice->position) / voice->rate);
             chunk = static_cast<int32_t>(std::clamp(left, 0.0, static_cast<double>(chunk)));
             last = true;
             // A loop shorter than one output frame at this rate still moves on a frame at a time.
-            if (chunk == 0 && clip->loop == loopForward && clip->loopStart < voice.sampleEnd) chunk = 1;
+            if (chunk == 0 && clip->loop == loopForward && clip->loopStart < voice->sampleEnd) chunk = 1;
         }
-        if (chunk > 0) {
-            modulate(voice, chunk);
-            const int32_t diff = voice.note < 0 ? 0 : voice.note - clip->rootKey;
-            const double x = (voice.pitch - static_cast<float>(voice.note)) + diff + targets[targetPitch] + coarse + fine;
-            const double rate = std::exp(x * (1.0 / 12.0) * std::numbers::ln2) * voice.rateRatio;
-            voice.rate = std::isfinite(rate) ? std::clamp(rate, 1e-6, maxRate) : 1.0;
-            clip->readInterpolated(0, chunk, voice.readL, voice.readR, voice.position, static_cast<float>(voice.rate),
-                                   voice.interpScratch, CSampler::scratchFrames, 0, 0, clip->frames);
-            voice.position += chunk * voice.rate;
-            renderChunk(outL + offset, outR + offset, voice, chunk, slew, peakLeft, peakRight);
+        job.frames = chunk;
+        if (chunk == 0) return false;
+
+        sound->modulate(*voice, chunk);
+        const int32_t diff = voice->note < 0 ? 0 : voice->note - clip->rootKey;
+        const double x =
+            (voice->pitch - static_cast<float>(voice->note)) + diff + targets[targetPitch] + sound->coarse + sound->fine;
+        const double rate = std::exp(x * (1.0 / 12.0) * std::numbers::ln2) * voice->rateRatio;
+        voice->rate = std::isfinite(rate) ? std::clamp(rate, 1e-6, maxRate) : 1.0;
+
+        float gL = 0.0f, gR = 0.0f;
+        panGains(targets[targetVolume], targets[targetPan], gL, gR);
+        const float cutoff2 = targets[targetCutoff] * targets[targetCutoff];
+        if (voice->firstChunk) {
+            voice->gainL = gL;
+            voice->gainR = gR;
+            voice->filterF = cutoff2;
         }
-        offset += chunk;
-        endChunk(voice, chunk);
-        if (last) {
-            if (clip->loop == loopForward && clip->loopStart < voice.sampleEnd) {
-                voice.position = clip->loopStart;
-            } else {
-                voice.state = voiceFree;
-                break;
-            }
-        }
+        job.ramps = {voice->gainL,
+                     voice->gainR,
+                     voice->filterF,
+                     rampStep(gL, voice->gainL, chunk, slew),
+                     rampStep(gR, voice->gainR, chunk, slew),
+                     rampStep(cutoff2, voice->filterF, chunk, slew),
+                     1.0f - std::min(targets[targetQ], 0.97f)};
+        job.left = {voice->lowL, voice->bandL, voice->highL};
+        job.right = {voice->lowR, voice->bandR, voice->highR};
+        // Both sides always tap the same state.
+        job.tap = tapIndex(voice->tapL, &voice->bandL, &voice->highL);
+        job.outL = outL + offset;
+        job.outR = outR + offset;
+        job.tapL = voice->readL;
+        job.tapR = voice->readR;
+        job.peakLeft = job.peakRight = 0.0f;
+        job.pcm = directPcm16(*clip, voice->position, voice->rate, chunk);
+        job.base = voice->position;
+        job.rate = static_cast<float>(voice->rate);
+        job.channels = clip->channels;
+        return true;
     }
 
-    if (voice.state == voiceSounding) flushStates(voice);
-    holdL.store(std::max(holdL.load(std::memory_order_relaxed), std::min(peakLeft, 1.0f)), std::memory_order_relaxed);
-    holdR.store(std::max(holdR.load(std::memory_order_relaxed), std::min(peakRight, 1.0f)), std::memory_order_relaxed);
-    peakL.store(std::min(peakLeft, 1.0f), std::memory_order_relaxed);
-    peakR.store(std::min(peakRight, 1.0f), std::memory_order_relaxed);
-}
-
-void CWavSound::renderChunk(float* outL, float* outR, SamplerVoice& voice, int32_t chunk, float slew, float& peakLeft,
-                            float& peakRight) const {
-    float gL = 0.0f, gR = 0.0f;
-    panGains(targets[targetVolume], targets[targetPan], gL, gR);
-    const float qClamped = std::min(targets[targetQ], 0.97f);
-    const float cutoff2 = targets[targetCutoff] * targets[targetCutoff];
-    if (voice.firstChunk) {
-        voice.gainL = gL;
-        voice.gainR = gR;
-        voice.filterF = cutoff2;
-    }
-    const float dGainL = rampStep(gL, voice.gainL, chunk, slew);
-    const float dGainR = rampStep(gR, voice.gainR, chunk, slew);
-    const float dFilter = rampStep(cutoff2, voice.filterF, chunk, slew);
-    const float damping = 1.0f - qClamped;
-    float left[3] = {voice.lowL, voice.bandL, voice.highL};
-    float right[3] = {voice.lowR, voice.bandR, voice.highR};
-    const int32_t tapL = tapIndex(voice.tapL, &voice.bandL, &voice.highL);
-    const int32_t tapR = tapIndex(voice.tapR, &voice.bandR, &voice.highR);
-    const float* inL = voice.readL;
-    const float* inR = voice.readR;
-
-    for (int32_t i = 0; i < chunk; ++i) {
-        const auto fi = static_cast<float>(i);
-        const float f = voice.filterF + fi * dFilter;
-        left[0] += f * left[1];
-        left[2] = inL[i] - left[0] - damping * left[1];
-        left[1] += left[2] * f;
-        right[0] += f * right[1];
-        right[2] = inR[i] - right[0] - damping * right[1];
-        right[1] += right[2] * f;
-        const float yL = left[tapL] * (voice.gainL + fi * dGainL);
-        const float yR = right[tapR] * (voice.gainR + fi * dGainR);
-        raisePeak(yL, peakLeft);
-        raisePeak(yR, peakRight);
-        outL[i] += yL;
-        outR[i] += yR;
+    // Any other clip, or a chunk near the clip's ends, has the clip convert its frames first; frames
+    // outside the data read as zeros.
+    void renderConverted(ChunkJob& job) {
+        const bool fits = (clip->channels == 1 || clip->channels == 2) &&
+                          job.frames <= CSample::framesFitting(CSampler::scratchFrames, clip->channels, job.rate);
+        const CubicWalk walk(voice->position, job.rate);
+        if (fits)
+            clip->readFrames(voice->interpScratch, CSampler::scratchFrames, walk.first(), job.frames, job.rate);
+        else
+            std::fill_n(voice->interpScratch, 8, 0.0f);
+        renderJob(job, FloatSource{voice->interpScratch, voice->position, fits ? job.rate : 0.0f});
     }
 
-    storeFilter(voice, left, right);
-    const auto n = static_cast<float>(chunk);
-    voice.gainL += n * dGainL;
-    voice.gainR += n * dGainR;
-    voice.filterF += n * dFilter;
-    voice.firstChunk = 0;
+    SamplerVoice* voice = nullptr;
+    CWavSound* sound = nullptr;
+    CSampleClip* clip = nullptr;
+    float* outL = nullptr;
+    float* outR = nullptr;
+    int32_t frames = 0, offset = 0, maxChunk = 1;
+    float slew = 0.0f, peakLeft = 0.0f, peakRight = 0.0f;
+    double maxRate = 1.0;
+    bool last = false;
+};
+
+void CWavSound::process(float* outL, float* outR, SamplerVoice& voice, int32_t frames) {
+    Walk walk;
+    if (!walk.begin(*this, voice, outL, outR, frames)) return;
+    ChunkJob job;
+    while (walk.next(job)) {
+        renderJob(job, PcmSource{job.pcm, job.base, job.rate});
+        walk.finish(job);
+    }
+    walk.end();
 }
 
 void CWavSound::saveKind(CStream& stream) const {

@@ -3,8 +3,10 @@
 // oscillator sound also has. Only the first zone plays; the others are kept so that a file brings them
 // back.
 //
-// A voice reads the clip in control chunks through the 4-point interpolation into the sampler's read
-// buffers and filters from there. A chunk that would pass the clip's end is cut there: the voice then
+// A voice reads the clip in control chunks through the 4-point interpolation and filters what it reads.
+// A 16-bit clip held in memory is interpolated straight from its bytes; any other clip, and any chunk
+// that reaches past the clip's ends, has the clip convert its frames to floats first. Both ways give the
+// same bits. A chunk that would pass the clip's end is cut there: the voice then
 // jumps to the loop start, or ends at once with no closing interval. Nothing in process allocates; an
 // in-memory clip is read without a lock.
 
@@ -38,6 +40,6 @@ protected:
     void loadKind(BlockIn& in) override;
 
 private:
-    void renderChunk(float* outL, float* outR, SamplerVoice& voice, int32_t chunk, float slew, float& peakLeft,
-                     float& peakRight) const;
+    // One voice's chunks, planned and stepped past.
+    class Walk;
 };

@@ -25,6 +25,11 @@ constexpr float lowestRate = 1000.0f, highestRate = 384000.0f;
 using ClipKey = std::tuple<int32_t, uint32_t, uint32_t, bool, int32_t, int32_t>;
 using ClipCache = std::map<ClipKey, CSampleClip*>;
 
+// A SoundFont's release is the time of a 96 dB fall at an even rate in decibels, so 60 dB, past which a
+// tail is lost under any music, go by in 60/96 of it. The envelope here releases linearly in its level,
+// which the gain law squares, and is 60 dB down only at its very end: it gets that share of the time.
+constexpr float releaseShare = 60.0f / 96.0f;
+
 // An envelope time x lasts x² of the envelope's time scale.
 float timeShare(const CEnv& envelope, float seconds) {
     const float scale = envelope.timeScale > 0 ? static_cast<float>(envelope.timeScale) * 0.001f : 5.0f;
@@ -83,7 +88,7 @@ CWavSound* soundFor(CSampler& sampler, const SoundFontPresetZone& presetZone, co
     amp.attack = timeShare(amp, zone.attackSeconds);
     amp.decay = timeShare(amp, zone.decaySeconds);
     amp.sustain = std::sqrt(zone.sustainLevel);
-    amp.releaseTime = timeShare(amp, zone.releaseSeconds);
+    amp.releaseTime = timeShare(amp, zone.releaseSeconds * releaseShare);
     sound->setBlockSize(sampler.engine ? sampler.engine->blockSize : 1024);
     sound->setSampleRate(sampler.engine ? sampler.engine->sampleRate : 44100.0f);
     return sound;

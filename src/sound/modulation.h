@@ -44,6 +44,12 @@ constexpr int32_t routingCount = 4;
 // Applies one source value to the working targets through a modulator's entries. Indices outside the
 // table (a damaged file) go nowhere. An amount of 0 adds 0 or scales by 1, so it is passed over: most
 // entries of most sounds are unused, and this runs for every modulator of every voice each chunk.
+inline bool reachesAnyTarget(const RoutingEntry (&entries)[routingCount]) {
+    for (const RoutingEntry& entry : entries)
+        if (entry.amount != 0.0f && entry.index >= 0 && entry.index < targetCount) return true;
+    return false;
+}
+
 inline void applyRouting(const RoutingEntry (&entries)[routingCount], float m, float (&targets)[targetCount]) {
     for (const RoutingEntry& entry : entries) {
         if (entry.amount == 0.0f || entry.index < 0 || entry.index >= targetCount) continue;

@@ -242,6 +242,7 @@ void CSampler::handleEvent(const CMIDIEvent& event) {
 void CSampler::noteOff(int32_t key) {
     for (SamplerVoice& voice : voices) {
         if (voice.state != voiceSounding || voice.note != key || voice.modState[0].stage == stageRelease) continue;
+        CSound::catchUp(voice);
         for (int32_t m = 0; m < voiceModulators; ++m) {
             if (!voice.mods[m]) continue;
             voice.mods[m]->release(voice.modState[m]);

@@ -223,18 +223,30 @@ int32_t CSound::cutChunk(SamplerVoice& voice, int32_t chunk, WrapRounding roundi
     return chunk;
 }
 
+namespace {
+
+// The value a running segment reaches `ahead` frames past where it stands.
+void advanceSegment(ModState& state, int32_t ahead) {
+    if (!state.running || state.total < 1) return;
+    float t = static_cast<float>(state.total - state.left + ahead) / static_cast<float>(state.total);
+    const float k = state.curve * state.curve * 63.0f + 1.0f;
+    const float c = state.curve < 0.0f ? k : 1.0f / k;
+    if (k != 1.0f) t = 1.0f - (c / (t * (1.0f - c) + c) - c) / (1.0f - c);
+    state.value = state.from + (state.to - state.from) * t;
+}
+
+}  // namespace
+
 void CSound::modulate(SamplerVoice& voice, int32_t chunk) {
     for (int32_t m = 0; m < voiceModulators; ++m) {
         if (!voice.mods[m]) continue;
-        ModState& state = voice.modState[m];
-        if (state.running && state.total >= 1) {
-            float t = static_cast<float>(state.total - state.left + chunk) / static_cast<float>(state.total);
-            const float k = state.curve * state.curve * 63.0f + 1.0f;
-            const float c = state.curve < 0.0f ? k : 1.0f / k;
-            if (k != 1.0f) t = 1.0f - (c / (t * (1.0f - c) + c) - c) / (1.0f - c);
-            state.value = state.from + (state.to - state.from) * t;
-        }
-        applyRouting(voice.mods[m]->params, state.value, targets);
+        // An envelope that reaches no target needn't be worked out each chunk: its segment is stateless
+        // given where it stands, and a release catches it up first. Oscillators read the pitch envelope
+        // directly.
+        const RoutingEntry (&params)[routingCount] = voice.mods[m]->params;
+        if (m < envelopeCount && !reachesAnyTarget(params)) continue;
+        advanceSegment(voice.modState[m], chunk);
+        applyRouting(params, voice.modState[m].value, targets);
     }
     for (LFOState& state : voice.lfo) {
         if (!state.lfo) continue;
@@ -249,6 +261,11 @@ void CSound::modulate(SamplerVoice& voice, int32_t chunk) {
         applyRouting(state.lfo->params, state.value, targets);
     }
     applyRouting(vel.params, voice.velocity, targets);
+}
+
+void CSound::catchUp(SamplerVoice& voice) {
+    for (int32_t m = 0; m < voiceModulators; ++m)
+        if (voice.mods[m]) advanceSegment(voice.modState[m], 0);
 }
 
 void CSound::endChunk(SamplerVoice& voice, int32_t chunk) const {

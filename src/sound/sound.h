@@ -56,6 +56,9 @@ public:
     // Writes a controller or parameter value (0..1) into the base field of a modulation target, so that
     // it lasts. Targets 0 and 1 have no base field.
     virtual void setTargetBase(int32_t target, float v);
+    // Brings the value of every running modulator of the voice to where its segment stands, as a
+    // release needs it.
+    static void catchUp(SamplerVoice& voice);
 
     // The insert effects follow the engine's block size and rate.
     void setBlockSize(int32_t frames);

@@ -471,14 +471,12 @@ TEST(StripBlocks, SaveLoadSaveGivesIdenticalBytes) {
     load(loaded, first);
     EXPECT_EQ(saved(loaded), first);
 
+    // What the second save cannot show: the state a load sets up beside the saved fields.
     ASSERT_EQ(loaded.outputChannels.count(), 2);
     const COutputChannel* back = loaded.firstOutputChannel();
-    EXPECT_EQ(loaded.outputChannels.getAt(1)->channels, 1);
-    EXPECT_EQ(back->mute.load(), 1);
     EXPECT_EQ(back->gainNow, 0.0f) << "a loaded muted strip starts silent instead of ramping down";
     EXPECT_EQ(back->sends[3]->level.load(), 0.0f) << "only the sends of existing groups are kept";
     ASSERT_EQ(back->inserts.count(), 1);
-    EXPECT_EQ(back->inserts.getAt(0)->wetLevel.load(), 0.3f);
     EXPECT_EQ(back->inserts.getAt(0)->parentChannel, back);
 }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <numbers>
+#include <type_traits>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -94,15 +95,25 @@ public:
     CubicWalk(double base, float rate)
         : phase(std::llround(base * unit)), step(std::llround(static_cast<double>(rate) * unit)) {}
 
-    // The whole frame of the next position; `weights` get those of the frame before it, of it and of the
-    // two after it.
-    int64_t next(Lanes& weights) {
+    // The whole frame of the next position, and in `t` how far past it the position lies.
+    int64_t advance(float& t) {
         const int64_t n = phase >> 32;
-        const float t = static_cast<float>(static_cast<uint32_t>(phase)) * (1.0f / 4294967296.0f);
+        t = static_cast<float>(static_cast<uint32_t>(phase)) * (1.0f / 4294967296.0f);
         phase += step;
-        weights = ((Lanes{-0.5f, 1.5f, -1.5f, 0.5f} * t + Lanes{1.0f, -2.5f, 2.0f, -0.5f}) * t +
-                   Lanes{-0.5f, 0.0f, 0.5f, 0.0f}) * t +
-                  Lanes{0.0f, 1.0f, 0.0f, 0.0f};
+        return n;
+    }
+
+    // The weights of the frame before a position, of the frame at it and of the two after it.
+    static Lanes weights(float t) {
+        return ((Lanes{-0.5f, 1.5f, -1.5f, 0.5f} * t + Lanes{1.0f, -2.5f, 2.0f, -0.5f}) * t +
+                Lanes{-0.5f, 0.0f, 0.5f, 0.0f}) * t +
+               Lanes{0.0f, 1.0f, 0.0f, 0.0f};
+    }
+
+    int64_t next(Lanes& w) {
+        float t = 0.0f;
+        const int64_t n = advance(t);
+        w = weights(t);
         return n;
     }
 
@@ -130,6 +141,36 @@ struct PcmSource {
             l = sum(__builtin_convertvector((frames << 16) >> 16, Lanes) * w) * scale;
             r = sum(__builtin_convertvector(frames >> 16, Lanes) * w) * scale;
         }
+    }
+
+    // Fills `out` with the next `frames` positions of a mono clip, four at a time where it can: the four
+    // frames around each of four positions are turned so that each weight works on all four positions at
+    // once, with the arithmetic of `next` lane for lane.
+    void fillMono(float* out, int32_t frames) {
+        int32_t i = 0;
+#if defined(__SSE2__)
+        for (; i + 4 <= frames; i += 4) {
+            float t[4];
+            __m128i around[4];
+            for (int32_t k = 0; k < 4; ++k)
+                around[k] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(data + (walk.advance(t[k]) - 1) * 2));
+            const __m128i pairs01 = _mm_unpacklo_epi16(around[0], around[1]);
+            const __m128i pairs23 = _mm_unpacklo_epi16(around[2], around[3]);
+            const __m128i before = _mm_unpacklo_epi32(pairs01, pairs23);  // frames n - 1, then n, of the four
+            const __m128i after = _mm_unpackhi_epi32(pairs01, pairs23);   // frames n + 1, then n + 2
+            const auto widen = [](__m128i x) { return reinterpret_cast<Lanes>(_mm_cvtepi32_ps(_mm_srai_epi32(x, 16))); };
+            const Lanes y0 = widen(_mm_unpacklo_epi16(before, before));
+            const Lanes y1 = widen(_mm_unpackhi_epi16(before, before));
+            const Lanes y2 = widen(_mm_unpacklo_epi16(after, after));
+            const Lanes y3 = widen(_mm_unpackhi_epi16(after, after));
+            const Lanes at = {t[0], t[1], t[2], t[3]};
+            const auto weight = [&at](float k3, float k2, float k1, float k0) { return ((k3 * at + k2) * at + k1) * at + k0; };
+            const Lanes sum = (y0 * weight(-0.5f, 1.0f, -0.5f, 0.0f) + y1 * weight(1.5f, -2.5f, 0.0f, 1.0f)) +
+                              (y2 * weight(-1.5f, 2.0f, 0.5f, 0.0f) + y3 * weight(0.5f, -0.5f, 0.0f, 0.0f));
+            storeLanes(out + i, sum * scale);
+        }
+#endif
+        for (float right = 0.0f; i < frames; ++i) next<1>(out[i], right);
     }
 
     static constexpr float scale = 1.0f / 32768.0f;
@@ -228,22 +269,31 @@ void addWithGains(const Ramps& ramps, const float* tappedL, const float* tappedR
     }
 }
 
-// The filters run sample by sample into the tap buffers; the gains, peaks and mixing follow a block of
-// four at a time.
+// The filters run sample by sample and leave their taps in the tap buffers; the gains, peaks and mixing
+// follow four frames at a time. A mono clip in memory behind one filter has its input interpolated four
+// frames at a time first, so that the filter's loop is left with nothing but the filter.
 template <int32_t Channels, int32_t Tap, bool SharedFilter, class Source>
 void runJob(ChunkJob& job, Source source) {
     const Ramps& ramps = job.ramps;
     Svf l = job.left, r = job.right;
     float fi = 0.0f;
-    for (int32_t i = 0; i < job.frames; ++i, fi += 1.0f) {
-        float inL = 0.0f, inR = 0.0f;
-        source.template next<Channels>(inL, inR);
-        const float f = ramps.filterF + fi * ramps.dFilter;
-        l.step(inL, f, ramps.damping);
-        job.tapL[i] = l.template tap<Tap>();
-        if constexpr (!SharedFilter) {
-            r.step(inR, f, ramps.damping);
-            job.tapR[i] = r.template tap<Tap>();
+    if constexpr (SharedFilter && std::is_same_v<Source, PcmSource>) {
+        source.fillMono(job.tapL, job.frames);
+        for (int32_t i = 0; i < job.frames; ++i, fi += 1.0f) {
+            l.step(job.tapL[i], ramps.filterF + fi * ramps.dFilter, ramps.damping);
+            job.tapL[i] = l.template tap<Tap>();
+        }
+    } else {
+        for (int32_t i = 0; i < job.frames; ++i, fi += 1.0f) {
+            float inL = 0.0f, inR = 0.0f;
+            source.template next<Channels>(inL, inR);
+            const float f = ramps.filterF + fi * ramps.dFilter;
+            l.step(inL, f, ramps.damping);
+            job.tapL[i] = l.template tap<Tap>();
+            if constexpr (!SharedFilter) {
+                r.step(inR, f, ramps.damping);
+                job.tapR[i] = r.template tap<Tap>();
+            }
         }
     }
     job.left = l;

@@ -250,15 +250,17 @@ void CSound::modulate(SamplerVoice& voice, int32_t chunk) {
     }
     for (LFOState& state : voice.lfo) {
         if (!state.lfo) continue;
+        // Only a routed LFO reads its wave: the tables are large, and a read is often a cache miss.
+        const bool routed = reachesAnyTarget(state.lfo->params);
         if (state.delayLeft != 0) {
             state.value = 0.5f;
             state.delayLeft -= chunk;
         } else {
-            if (state.lfo->wave != waveRandom)
+            if (routed && state.lfo->wave != waveRandom)
                 state.value = static_cast<float>(state.table[lfoIndex(state.phase)] * 0.5 + 0.5);
             state.phase += chunk * state.inc;
         }
-        applyRouting(state.lfo->params, state.value, targets);
+        if (routed) applyRouting(state.lfo->params, state.value, targets);
     }
     applyRouting(vel.params, voice.velocity, targets);
 }

@@ -212,7 +212,12 @@ int32_t CSound::cutChunk(SamplerVoice& voice, int32_t chunk, WrapRounding roundi
         if (!state.lfo) continue;
         if (state.delayLeft != 0) chunk = std::min(chunk, state.delayLeft);
         state.inc = lfoIncrement(voice, *state.lfo);
-        if (state.inc > 0.0) {
+        if (state.inc > 0.0 && 1.0 - state.phase > (chunk + 3) * state.inc) {
+            // The wrap lies beyond this chunk, even one a frame longer than asked for, by more than any
+            // rounding of the count could move it; the count is worked out again next chunk, so "not in
+            // this one" is all it needs to say.
+            state.toWrap = chunk + 2;
+        } else if (state.inc > 0.0) {
             const double samples = (1.0 - state.phase) / state.inc;
             state.toWrap = toCount(rounding == WrapRounding::nearest ? std::floor(samples + 0.5) : std::trunc(samples));
         } else {

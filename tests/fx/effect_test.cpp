@@ -264,7 +264,7 @@ TEST(EffectFile, SaveWritesTheDocumentedBlocks) {
     EXPECT_EQ(saved(rig.effect), expect.data);
 }
 
-TEST(EffectFile, EveryKindLoadsBackToIdenticalBytes) {
+TEST(EffectFile, EveryKindLoadsBackAndCopiesToIdenticalBytes) {
     registerEffects();
     Rig rig;
     rig.effect.programs.add(new CEffectProg);
@@ -288,6 +288,20 @@ TEST(EffectFile, EveryKindLoadsBackToIdenticalBytes) {
     EXPECT_EQ(static_cast<Stored*>(loaded.effectProgram(0)->effects.getAt(0))->blockSize, frames)
         << "a loaded effect gets the engine's block size";
     EXPECT_EQ(saved(loaded), first);
+
+    // A copy is deep, saves the same and keeps what the blocks don't hold.
+    rig.effect.setParam(paramWetLevel, 0.4f);
+    rig.effect.setParam(paramPower, 0.0f);
+    rig.effect.name = "Rack";
+    std::unique_ptr<CComp> copy(rig.effect.copy());
+    auto* twin = dynamic_cast<CEffect*>(copy.get());
+    ASSERT_NE(twin, nullptr);
+    EXPECT_EQ(saved(*twin), first);
+    EXPECT_STREQ(twin->getName().c_str(), "Rack");
+    EXPECT_EQ(std::tuple(twin->wetLevel.load(), twin->power.load(),
+                         twin->inputChannels.count() + twin->outputChannels.count() + twin->inputPorts.count()),
+              std::tuple(0.4f, 0, 3));
+    EXPECT_NE(twin->effectProgram(0)->effects.getAt(0), stored);
 }
 
 TEST(EffectFile, UnknownKindsAndBlocksAreSkippedByTheirSize) {
@@ -355,26 +369,6 @@ TEST(EffectFile, ReverbSizeFollowsItsFxBlockBothWays) {
     const std::ptrdiff_t behind = 10 + 80;  // the reverb's header and payload
     ASSERT_GE(bytes.end() - at, behind + static_cast<std::ptrdiff_t>(tail.data.size()));
     EXPECT_TRUE(std::equal(tail.data.begin(), tail.data.end(), at + behind));
-}
-
-TEST(EffectFile, CopyIsDeepAndSavesTheSame) {
-    Rig rig;
-    auto* fx = new Stored;
-    fx->words.setF32(3, 0.625f);
-    rig.prog().effects.add(fx);
-    rig.effect.setParam(paramWetLevel, 0.4f);
-    rig.effect.setParam(paramPower, 0.0f);
-    rig.effect.name = "Rack";
-
-    std::unique_ptr<CComp> copy(rig.effect.copy());
-    auto* twin = dynamic_cast<CEffect*>(copy.get());
-    ASSERT_NE(twin, nullptr);
-    EXPECT_EQ(saved(*twin), saved(rig.effect));
-    EXPECT_STREQ(twin->getName().c_str(), "Rack");
-    EXPECT_EQ(twin->wetLevel.load(), 0.4f);
-    EXPECT_EQ(twin->power.load(), 0);
-    EXPECT_EQ(twin->inputChannels.count() + twin->outputChannels.count() + twin->inputPorts.count(), 3);
-    EXPECT_NE(twin->effectProgram(0)->effects.getAt(0), fx);
 }
 
 // The rigs above build the component directly; this is how a project or the user gets one.

@@ -93,7 +93,7 @@ public:
     static constexpr double unit = 4294967296.0;
 
     CubicWalk(double base, float rate)
-        : phase(std::llround(base * unit)), step(std::llround(static_cast<double>(rate) * unit)) {}
+        : phase(toFixed(base)), step(toFixed(rate)) {}
 
     // The whole frame of the next position, and in `t` how far past it the position lies.
     int64_t advance(float& t) {
@@ -120,6 +120,9 @@ public:
     int64_t first() const { return phase >> 32; }
 
 private:
+    // Positions and rates are never negative here; rounding half up is all the rounding they need.
+    static int64_t toFixed(double x) { return static_cast<int64_t>(x * unit + 0.5); }
+
     int64_t phase;
     int64_t step;
 };
@@ -278,11 +281,23 @@ void runJob(ChunkJob& job, Source source) {
     Svf l = job.left, r = job.right;
     float fi = 0.0f;
     if constexpr (SharedFilter && std::is_same_v<Source, PcmSource>) {
+        // The filter's loop waits on the filter; the gains, peaks and mixing fit in its shadow.
         source.fillMono(job.tapL, job.frames);
+        float peakLeft = job.peakLeft, peakRight = job.peakRight;
         for (int32_t i = 0; i < job.frames; ++i, fi += 1.0f) {
             l.step(job.tapL[i], ramps.filterF + fi * ramps.dFilter, ramps.damping);
-            job.tapL[i] = l.template tap<Tap>();
+            const float tapped = l.template tap<Tap>();
+            const float yL = tapped * (ramps.gainL + fi * ramps.dGainL);
+            const float yR = tapped * (ramps.gainR + fi * ramps.dGainR);
+            peakLeft = std::max(peakLeft, std::fabs(yL));
+            peakRight = std::max(peakRight, std::fabs(yR));
+            job.outL[i] += yL;
+            job.outR[i] += yR;
         }
+        job.left = job.right = l;
+        job.peakLeft = peakLeft;
+        job.peakRight = peakRight;
+        return;
     } else {
         for (int32_t i = 0; i < job.frames; ++i, fi += 1.0f) {
             float inL = 0.0f, inR = 0.0f;

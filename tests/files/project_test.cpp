@@ -235,6 +235,8 @@ TEST(Project, SaveOpenAndSaveAgainGiveTheSameBytes) {
     CSongTrack& songTrack = *seq->prog(0)->songTracks.getAt(1);
     ASSERT_EQ(songTrack.parts.count(), 2);
     EXPECT_EQ(songTrack.parts.getAt(0)->ghostSource, songTrack.parts.getAt(1)->ghostSource);
+    for (CSongTrack* each : seq->prog(0)->songTracks)
+        for (CPart* part : each->parts) EXPECT_EQ(part->songTrack, each);
     EXPECT_EQ(seq->prog(0)->nextMarker, seq->prog(0)->markers.getAt(0));
 
     auto* sampler = static_cast<CSampler*>(engine.comps.getAt(5));

@@ -28,7 +28,6 @@ CString clipName(const CSampleClip& clip) {
     return name;
 }
 
-
 // A chunk's starting gains and filter coefficient and their steps per sample.
 struct Ramps {
     float gainL, gainR, filterF;
@@ -51,8 +50,8 @@ struct Svf {
     // A constant tap keeps the three states in registers across the loop.
     template <int32_t Tap>
     float tap() const {
-        if constexpr (Tap == 1) return band;
-        else if constexpr (Tap == 2) return high;
+        if constexpr (Tap == filterBand) return band;
+        else if constexpr (Tap == filterHigh) return high;
         else return low;
     }
 };
@@ -92,8 +91,7 @@ class CubicWalk {
 public:
     static constexpr double unit = 4294967296.0;
 
-    CubicWalk(double base, float rate)
-        : phase(toFixed(base)), step(toFixed(rate)) {}
+    CubicWalk(double base, float rate) : phase(toFixed(base)), step(toFixed(rate)) {}
 
     // The whole frame of the next position, and in `t` how far past it the position lies.
     int64_t advance(float& t) {

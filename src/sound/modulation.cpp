@@ -111,11 +111,6 @@ void CPitchEnv::release(ModState& state) const {
     state.left = state.total = timeToSamples(releaseTime, timeScale);
 }
 
-double CLFO::rateHz(double tempo) const {
-    if (sync == 0) return rate;
-    return static_cast<double>(div) / (mul != 0 ? mul : 1) * (tempo / 60.0);
-}
-
 const double* lfoTable(int32_t wave) {
     const SoundTables& tables = SoundTables::get();
     switch (wave) {

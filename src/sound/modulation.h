@@ -149,7 +149,10 @@ public:
     explicit CLFO(int32_t id = 7) : CMod(modLFO, id) {}
 
     // Cycles a second: rate, or with sync (div / mul) beats of the tempo. A multiplier of 0 counts as 1.
-    double rateHz(double tempo) const;
+    double rateHz(double tempo) const {
+        if (sync == 0) return rate;
+        return static_cast<double>(div) / (mul != 0 ? mul : 1) * (tempo / 60.0);
+    }
 
     int32_t wave = waveTri;
     float rate = 6.0f;  // Hz

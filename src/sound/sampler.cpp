@@ -339,16 +339,33 @@ void CSampler::generate(int32_t frames, int32_t offset) {
     float* bufL = outL.get();
     float* bufR = outR.get();
 
+    // Whether a sound's voices need buffers of their own: for its inserts, or for sends that hear it.
+    const auto needsBuffers = [](const CSound& sound) {
+        for (const std::unique_ptr<CFX>& insert : sound.fx)
+            if (insert->enabled) return true;
+        if (const CSynthProg* prog = sound.program())
+            for (int32_t k = 0; k < soundSends; ++k)
+                if (prog->fx[k]->enabled && sound.sends[k] > 0.0f && prog->fx[k]->inputL) return true;
+        return false;
+    };
+
     for (int32_t i = 0; i < voiceCount; ++i) {
         if (voices[i].state != voiceSounding || voices[i].sound->voiceCounter != 0) continue;
         CSound& sound = *voices[i].sound;
-        std::fill_n(bufL, frames, 0.0f);
-        std::fill_n(bufR, frames, 0.0f);
+        // A sound with nothing between its voices and the output adds them straight into it.
+        const bool straight = out && out->left() && !needsBuffers(sound);
+        float* intoL = straight ? out->left() + offset : bufL;
+        float* intoR = straight ? out->right() + offset : bufR;
+        if (!straight) {
+            std::fill_n(bufL, frames, 0.0f);
+            std::fill_n(bufR, frames, 0.0f);
+        }
         for (int32_t j = i; j < voiceCount; ++j) {
             if (voices[j].state != voiceSounding || voices[j].sound != &sound) continue;
             ++sound.voiceCounter;
-            sound.process(bufL, bufR, voices[j], frames);
+            sound.process(intoL, intoR, voices[j], frames);
         }
+        if (straight) continue;
         for (const std::unique_ptr<CFX>& insert : sound.fx) {
             if (!insert->enabled) continue;
             insert->tempo = tempo;

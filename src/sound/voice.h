@@ -66,4 +66,6 @@ struct SamplerVoice {
     double rate = 1.0;
     int32_t sampleStart = 0, sampleEnd = 0;
     float rateRatio = 1.0f;
+    double pitchOffset = 0.0;  // semitones from the clip's root key the rate below was worked out for
+    double pitchRate = 1.0;
 };

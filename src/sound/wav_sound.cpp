@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <numbers>
 #include <type_traits>
 
@@ -361,6 +362,7 @@ void CWavSound::startVoice(SamplerVoice& voice) {
     voice.position = voice.sampleStart;
     voice.rate = 1.0;
     voice.rateRatio = clip && voice.sampleRate > 0.0f ? clip->sampleRate / voice.sampleRate : 1.0f;
+    voice.pitchOffset = std::numeric_limits<double>::quiet_NaN();
 }
 
 // One voice's way through a run of frames, a chunk at a time. A chunk the clip's bytes can be
@@ -466,7 +468,12 @@ private:
         const int32_t diff = voice->note < 0 ? 0 : voice->note - clip->rootKey;
         const double x =
             (voice->pitch - static_cast<float>(voice->note)) + diff + targets[targetPitch] + sound->coarse + sound->fine;
-        const double rate = std::exp(x * (1.0 / 12.0) * std::numbers::ln2) * voice->rateRatio;
+        // The pitch mostly holds from one chunk to the next; the exponential is worked out when it moves.
+        if (x != voice->pitchOffset) {
+            voice->pitchOffset = x;
+            voice->pitchRate = std::exp(x * (1.0 / 12.0) * std::numbers::ln2) * voice->rateRatio;
+        }
+        const double rate = voice->pitchRate;
         voice->rate = std::isfinite(rate) ? std::clamp(rate, 1e-6, maxRate) : 1.0;
 
         float gL = 0.0f, gR = 0.0f;

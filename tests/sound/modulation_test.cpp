@@ -144,7 +144,11 @@ TEST(Envelopes, OnlyTheFirstEnvelopeEndsAVoiceAndAReleaseOf1HoldsTheOthers) {
     struct Row {
         const char* what;
         float filterRelease;  // envelope[1], routed to Volume here
-    } rows[] = {{"release 1.0 holds", 1.0f}, {"release 0.5 falls over 1.25 s", 0.5f}};
+        float filterDecay;
+        bool routedAfterNoteOff;  // reaches no target until the note is off: its release starts from where it stood
+    } rows[] = {{"release 1.0 holds", 1.0f, 0.1f, false},
+                {"release 0.5 falls over 1.25 s", 0.5f, 0.1f, false},
+                {"released mid-decay while reaching no target", 0.5f, 0.3f, true}};
     constexpr int64_t offAt = 9600;
     for (const Row& row : rows) {
         Rig rig;
@@ -153,15 +157,24 @@ TEST(Envelopes, OnlyTheFirstEnvelopeEndsAVoiceAndAReleaseOf1HoldsTheOthers) {
         amp.releaseTime = 1.0f;  // on the first envelope, 1.0 is a 5 s release
         CEnv& second = sound.envelope[1];
         second.params[0].index = targetVolume;
-        second.decay = 0.1f;
+        second.decay = row.filterDecay;
         second.sustain = 0.5f;
         second.releaseTime = row.filterRelease;
-        rig.render(offAt + 2 * 48000, dcNote(offAt));
+        size_t from = 4;
+        if (row.routedAfterNoteOff) {
+            second.params[0].amount = 0.0f;
+            rig.render(offAt + rig.block, dcNote(offAt));
+            second.params[0].amount = 1.0f;
+            from = rig.right.size() + 2 * chunk;  // the gain's slew limit takes the step the routing makes
+            rig.render(2 * 48000);
+        } else {
+            rig.render(offAt + 2 * 48000, dcNote(offAt));
+        }
         auto expected = [&](double n) {
             n = std::max(n, 0.0);
             return envelopeAt(amp, n, offAt) * envelopeAt(second, n, offAt);
         };
-        expectWithinOneChunk(rig, expected, 4, rig.right.size(), row.what);
+        expectWithinOneChunk(rig, expected, from, rig.right.size(), row.what);
         EXPECT_EQ(rig.sampler->soundingVoices(), 1) << row.what;
     }
 }

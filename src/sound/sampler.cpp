@@ -349,6 +349,9 @@ void CSampler::generate(int32_t frames, int32_t offset) {
         return false;
     };
 
+    // Sampled voices that go straight to the output render two at a time once the others are done.
+    SamplerVoice* straightSampled[voiceCount];
+    int32_t straightCount = 0;
     for (int32_t i = 0; i < voiceCount; ++i) {
         if (voices[i].state != voiceSounding || voices[i].sound->voiceCounter != 0) continue;
         CSound& sound = *voices[i].sound;
@@ -363,7 +366,8 @@ void CSampler::generate(int32_t frames, int32_t offset) {
         for (int32_t j = i; j < voiceCount; ++j) {
             if (voices[j].state != voiceSounding || voices[j].sound != &sound) continue;
             ++sound.voiceCounter;
-            sound.process(intoL, intoR, voices[j], frames);
+            if (straight && sound.subKind == soundSampled) straightSampled[straightCount++] = &voices[j];
+            else sound.process(intoL, intoR, voices[j], frames);
         }
         if (straight) continue;
         for (const std::unique_ptr<CFX>& insert : sound.fx) {
@@ -389,6 +393,13 @@ void CSampler::generate(int32_t frames, int32_t offset) {
             for (int32_t n = 0; n < frames; ++n) right[n] += bufR[n];
         }
     }
+    if (straightCount == 0) return;
+    float* intoL = out->left() + offset;
+    float* intoR = out->right() + offset;
+    int32_t k = 0;
+    for (; k + 1 < straightCount; k += 2)
+        CWavSound::processPair(intoL, intoR, *straightSampled[k], *straightSampled[k + 1], frames);
+    if (k < straightCount) straightSampled[k]->sound->process(intoL, intoR, *straightSampled[k], frames);
 }
 
 void CSampler::runSendEffects(int32_t frames) {

@@ -42,12 +42,17 @@ struct Svf {
 
     // low += f band; high = in - low - damping band; band += f high, with the band update expanded so
     // that each sample's band waits on the one before through a multiply and an add, not five steps.
-    void step(float in, float f, float damping) {
-        const float nextBand = band * (1.0f - f * f - f * damping) + f * (in - low);
+    // `keep` is 1 - f² - f damping. Only a loop that taps high works it out at every sample; the others
+    // need it from their last.
+    template <bool WithHigh>
+    void step(float in, float f, float keep, float damping) {
+        const float nextBand = band * keep + f * (in - low);
         low += f * band;
-        high = in - low - damping * band;
+        if constexpr (WithHigh) high = in - low - damping * band;
         band = nextBand;
     }
+    static float keepOf(float f, float damping) { return 1.0f - f * f - f * damping; }
+
     // A constant tap keeps the three states in registers across the loop.
     template <int32_t Tap>
     float tap() const {
@@ -239,15 +244,16 @@ Lanes larger(Lanes peak, Lanes y) {
     return reinterpret_cast<Lanes>((higher & reinterpret_cast<LaneBits>(size)) | (~higher & reinterpret_cast<LaneBits>(peak)));
 }
 
-// Adds the tapped filter outputs times the ramped gains into the outputs and raises the peaks to what it
-// added, four frames at a time. Both sides may read the same taps.
+// Adds the tapped filter outputs of frames [from, to) of a chunk times the ramped gains into the outputs
+// and raises the peaks to what it added, four frames at a time. Both sides may read the same taps.
 void addWithGains(const Ramps& ramps, const float* tappedL, const float* tappedR, float* outL, float* outR,
-                  int32_t frames, float& peakL, float& peakR) {
-    Lanes fi = {0.0f, 1.0f, 2.0f, 3.0f};
+                  int32_t from, int32_t to, float& peakL, float& peakR) {
+    const auto first = static_cast<float>(from);
+    Lanes fi = {first, first + 1.0f, first + 2.0f, first + 3.0f};
     Lanes peaksL = {peakL, peakL, peakL, peakL};
     Lanes peaksR = {peakR, peakR, peakR, peakR};
-    int32_t i = 0;
-    for (; i + 4 <= frames; i += 4) {
+    int32_t i = from;
+    for (; i + 4 <= to; i += 4) {
         const Lanes yL = loadLanes(tappedL + i) * (ramps.gainL + fi * ramps.dGainL);
         const Lanes yR = loadLanes(tappedR + i) * (ramps.gainR + fi * ramps.dGainR);
         peaksL = larger(peaksL, yL);
@@ -256,7 +262,7 @@ void addWithGains(const Ramps& ramps, const float* tappedL, const float* tappedR
         storeLanes(outR + i, loadLanes(outR + i) + yR);
         fi += 4.0f;
     }
-    for (; i < frames; ++i) {
+    for (; i < to; ++i) {
         const auto f = static_cast<float>(i);
         const float yL = tappedL[i] * (ramps.gainL + f * ramps.dGainL);
         const float yR = tappedR[i] * (ramps.gainR + f * ramps.dGainR);
@@ -271,60 +277,137 @@ void addWithGains(const Ramps& ramps, const float* tappedL, const float* tappedR
     }
 }
 
+// The filter's coefficient at a frame of the chunk. Most chunks hold it still, and then the filter's
+// loop works out nothing per frame but the filter.
+template <bool Sweeping>
+struct FilterRamp {
+    FilterRamp(const Ramps& ramps) : ramps(ramps), f(ramps.filterF), keep(Svf::keepOf(f, ramps.damping)) {}
+
+    void at(float fi) {
+        if constexpr (Sweeping) {
+            f = ramps.filterF + fi * ramps.dFilter;
+            keep = Svf::keepOf(f, ramps.damping);
+        }
+    }
+
+    const Ramps& ramps;
+    float f, keep;
+};
+
+// Runs `frame` for frames [from, to) of a chunk of `frames`, working out the filters' high only where it
+// is tapped and at the chunk's last frame, which leaves it in the voice.
+template <int32_t Tap, class Frame>
+void forEachFrame(int32_t from, int32_t to, int32_t frames, Frame&& frame) {
+    auto fi = static_cast<float>(from);
+    int32_t i = from;
+    for (const int32_t plain = std::min(to, frames - 1); i < plain; ++i, fi += 1.0f)
+        frame.template operator()<Tap == filterHigh>(i, fi);
+    for (; i < to; ++i, fi += 1.0f) frame.template operator()<true>(i, fi);
+}
+
+// Frames [from, from + count) of a mono job behind one filter whose input is interpolated into `in`:
+// the filter's loop waits on the filter, and the gains, peaks and mixing fit in its shadow.
+template <int32_t Tap, bool Sweeping>
+void runMonoSegment(ChunkJob& job, const float* in, int32_t from, int32_t count) {
+    const Ramps ramps = job.ramps;
+    const float damping = ramps.damping;
+    FilterRamp<Sweeping> filter(ramps);
+    // Held apart from the job, whose fields the stores to the outputs might otherwise overwrite.
+    const float gainL = ramps.gainL, dGainL = ramps.dGainL, gainR = ramps.gainR, dGainR = ramps.dGainR;
+    float* outL = job.outL;
+    float* outR = job.outR;
+    Svf l = job.left;
+    float peakLeft = job.peakLeft, peakRight = job.peakRight;
+    forEachFrame<Tap>(from, from + count, job.frames, [&]<bool WithHigh>(int32_t i, float fi) {
+        filter.at(fi);
+        l.template step<WithHigh>(in[i], filter.f, filter.keep, damping);
+        const float tapped = l.template tap<Tap>();
+        const float yL = tapped * (gainL + fi * dGainL);
+        const float yR = tapped * (gainR + fi * dGainR);
+        peakLeft = std::max(peakLeft, std::fabs(yL));
+        peakRight = std::max(peakRight, std::fabs(yR));
+        outL[i] += yL;
+        outR[i] += yR;
+    });
+    job.left = job.right = l;
+    job.peakLeft = peakLeft;
+    job.peakRight = peakRight;
+}
+
+// Whether a job can run beside another voice's in `runMonoPair`.
+bool pairable(const ChunkJob& job) {
+    const Svf& l = job.left;
+    const Svf& r = job.right;
+    return job.pcm && job.channels == 1 && job.tap == filterLow && job.ramps.dFilter == 0.0f && l.low == r.low &&
+           l.band == r.band && l.high == r.high;
+}
+
+// The filters of two voices' pairable jobs side by side for `count` frames short of either job's last,
+// each turning its interpolated input into its filter's low in place; `addWithGains` follows. One
+// filter's loop spends most of its time waiting on its own recursion; two independent ones fill each
+// other's waits.
+void filterPair(ChunkJob& a, float* ioA, ChunkJob& b, float* ioB, int32_t count) {
+    Svf first = a.left, second = b.left;
+    const float fA = a.ramps.filterF, keepA = Svf::keepOf(fA, a.ramps.damping);
+    const float fB = b.ramps.filterF, keepB = Svf::keepOf(fB, b.ramps.damping);
+    for (int32_t i = 0; i < count; ++i) {
+        // high is left for each job's last frame
+        first.step<false>(ioA[i], fA, keepA, 0.0f);
+        second.step<false>(ioB[i], fB, keepB, 0.0f);
+        ioA[i] = first.low;
+        ioB[i] = second.low;
+    }
+    a.left = a.right = first;
+    b.left = b.right = second;
+}
+
 // The filters run sample by sample and leave their taps in the tap buffers; the gains, peaks and mixing
 // follow four frames at a time. A mono clip in memory behind one filter has its input interpolated four
 // frames at a time first, so that the filter's loop is left with nothing but the filter.
-template <int32_t Channels, int32_t Tap, bool SharedFilter, class Source>
+template <int32_t Channels, int32_t Tap, bool SharedFilter, bool Sweeping, class Source>
 void runJob(ChunkJob& job, Source source) {
-    const Ramps& ramps = job.ramps;
-    Svf l = job.left, r = job.right;
-    float fi = 0.0f;
     if constexpr (SharedFilter && std::is_same_v<Source, PcmSource>) {
-        // The filter's loop waits on the filter; the gains, peaks and mixing fit in its shadow.
         source.fillMono(job.tapL, job.frames);
-        float peakLeft = job.peakLeft, peakRight = job.peakRight;
-        for (int32_t i = 0; i < job.frames; ++i, fi += 1.0f) {
-            l.step(job.tapL[i], ramps.filterF + fi * ramps.dFilter, ramps.damping);
-            const float tapped = l.template tap<Tap>();
-            const float yL = tapped * (ramps.gainL + fi * ramps.dGainL);
-            const float yR = tapped * (ramps.gainR + fi * ramps.dGainR);
-            peakLeft = std::max(peakLeft, std::fabs(yL));
-            peakRight = std::max(peakRight, std::fabs(yR));
-            job.outL[i] += yL;
-            job.outR[i] += yR;
-        }
-        job.left = job.right = l;
-        job.peakLeft = peakLeft;
-        job.peakRight = peakRight;
+        runMonoSegment<Tap, Sweeping>(job, job.tapL, 0, job.frames);
         return;
     } else {
-        for (int32_t i = 0; i < job.frames; ++i, fi += 1.0f) {
+        const Ramps& ramps = job.ramps;
+        const float damping = ramps.damping;
+        FilterRamp<Sweeping> filter(ramps);
+        Svf l = job.left, r = job.right;
+        forEachFrame<Tap>(0, job.frames, job.frames, [&]<bool WithHigh>(int32_t i, float fi) {
             float inL = 0.0f, inR = 0.0f;
             source.template next<Channels>(inL, inR);
-            const float f = ramps.filterF + fi * ramps.dFilter;
-            l.step(inL, f, ramps.damping);
+            filter.at(fi);
+            l.template step<WithHigh>(inL, filter.f, filter.keep, damping);
             job.tapL[i] = l.template tap<Tap>();
             if constexpr (!SharedFilter) {
-                r.step(inR, f, ramps.damping);
+                r.template step<WithHigh>(inR, filter.f, filter.keep, damping);
                 job.tapR[i] = r.template tap<Tap>();
             }
-        }
+        });
+        job.left = l;
+        job.right = SharedFilter ? l : r;
+        addWithGains(ramps, job.tapL, SharedFilter ? job.tapL : job.tapR, job.outL, job.outR, 0, job.frames,
+                     job.peakLeft, job.peakRight);
     }
-    job.left = l;
-    job.right = SharedFilter ? l : r;
-    addWithGains(ramps, job.tapL, SharedFilter ? job.tapL : job.tapR, job.outL, job.outR, job.frames, job.peakLeft,
-                 job.peakRight);
 }
 
-template <int32_t Channels, int32_t Tap, class Source>
-void runJobTap(ChunkJob& job, const Source& source) {
+template <int32_t Channels, int32_t Tap, bool Sweeping, class Source>
+void runJobShared(ChunkJob& job, const Source& source) {
     // A mono clip feeds both filters the same samples; while their states agree one filter does for two.
     const Svf& l = job.left;
     const Svf& r = job.right;
     if (Channels == 1 && l.low == r.low && l.band == r.band && l.high == r.high)
-        runJob<Channels, Tap, true>(job, source);
+        runJob<Channels, Tap, true, Sweeping>(job, source);
     else
-        runJob<Channels, Tap, false>(job, source);
+        runJob<Channels, Tap, false, Sweeping>(job, source);
+}
+
+template <int32_t Channels, int32_t Tap, class Source>
+void runJobTap(ChunkJob& job, const Source& source) {
+    if (job.ramps.dFilter == 0.0f) runJobShared<Channels, Tap, false>(job, source);
+    else runJobShared<Channels, Tap, true>(job, source);
 }
 
 template <int32_t Channels, class Source>
@@ -390,7 +473,7 @@ public:
             return false;
         }
         slew = 1.0f / (voice->sampleRate * 6.2831855f * 0.001f);
-        maxChunk = std::max(1, static_cast<int32_t>(std::floor(voice->sampleRate * 0.001 + 0.5)));
+        maxChunk = std::clamp(static_cast<int32_t>(std::floor(voice->sampleRate * 0.001 + 0.5)), 1, maxChunkFrames);
         // The fastest rate whose frames of one chunk still fit the conversion scratch.
         maxRate = std::max(1.0, static_cast<double>(CSample::framesFitting(CSampler::scratchFrames, clip->channels, 1.0f)) /
                                     maxChunk);
@@ -540,6 +623,74 @@ void CWavSound::process(float* outL, float* outR, SamplerVoice& voice, int32_t f
         walk.finish(job);
     }
     walk.end();
+}
+
+namespace {
+
+// One voice's side of a pair: its walk, its current pairable job, the job's interpolated input and how
+// far into the job it has got.
+struct PairLane {
+    // The next job that can run beside the other voice's; jobs that cannot are rendered on the way.
+    bool advance() {
+        while (walk.next(job)) {
+            if (pairable(job)) {
+                PcmSource{job.pcm, job.base, job.rate}.fillMono(input, job.frames);
+                done = 0;
+                return true;
+            }
+            renderJob(job, PcmSource{job.pcm, job.base, job.rate});
+            walk.finish(job);
+        }
+        return false;
+    }
+
+    // Renders `count` frames of the job alone, and steps to the next job once this one is done.
+    void runAlone(int32_t count) {
+        runMonoSegment<filterLow, false>(job, input, done, count);
+        done += count;
+        if (done < job.frames) return;
+        walk.finish(job);
+        live = advance();
+    }
+
+    int32_t left() const { return job.frames - done; }
+
+    CWavSound::Walk walk;
+    ChunkJob job;
+    int32_t done = 0;
+    bool begun = false, live = false;
+    float input[CWavSound::maxChunkFrames];
+};
+
+}  // namespace
+
+void CWavSound::processPair(float* outL, float* outR, SamplerVoice& first, SamplerVoice& second, int32_t frames) {
+    PairLane lanes[2];
+    SamplerVoice* voices[2] = {&first, &second};
+    for (int32_t k = 0; k < 2; ++k) {
+        PairLane& lane = lanes[k];
+        lane.begun = lane.walk.begin(static_cast<CWavSound&>(*voices[k]->sound), *voices[k], outL, outR, frames);
+        lane.live = lane.begun && lane.advance();
+    }
+    // Each job's last frame runs alone, since only it works out the filter's high.
+    while (lanes[0].live && lanes[1].live) {
+        if (lanes[0].left() == 1) lanes[0].runAlone(1);
+        else if (lanes[1].left() == 1) lanes[1].runAlone(1);
+        else {
+            const int32_t count = std::min(lanes[0].left(), lanes[1].left()) - 1;
+            filterPair(lanes[0].job, lanes[0].input + lanes[0].done, lanes[1].job, lanes[1].input + lanes[1].done, count);
+            for (PairLane& lane : lanes) {
+                ChunkJob& job = lane.job;
+                addWithGains(job.ramps, lane.input, lane.input, job.outL, job.outR, lane.done, lane.done + count,
+                             job.peakLeft, job.peakRight);
+                lane.done += count;
+            }
+        }
+    }
+    for (PairLane& lane : lanes) {
+        while (lane.live) lane.runAlone(lane.left());
+        if (lane.begun) lane.walk.end();
+    }
 }
 
 void CWavSound::saveKind(CStream& stream) const {

@@ -19,10 +19,15 @@
 class CWavSound : public CSound {
 public:
     static constexpr int32_t maxZones = 127;
+    // The most frames one control chunk of a voice takes: 1 ms at any rate up to 512 kHz.
+    static constexpr int32_t maxChunkFrames = 512;
 
     CWavSound();
 
     void process(float* outL, float* outR, SamplerVoice& voice, int32_t frames) override;
+    // Two voices of sampled sounds into the same outputs, as `process` would render each, in one pass
+    // where their frames allow it.
+    static void processPair(float* outL, float* outR, SamplerVoice& first, SamplerVoice& second, int32_t frames);
     // The clip's range and rate at the voice's start.
     void startVoice(SamplerVoice& voice) override;
     // A sampled sound takes notes only once its first clip has loaded.
@@ -35,11 +40,10 @@ public:
     const TList<CSampleClip>* pool = nullptr;  // the sampler's pool, for the clip indices in files
     Meter holdL{0.0f}, holdR{0.0f};  // the editor's clip indicator
 
+    // One voice's chunks, planned and stepped past.
+    class Walk;
+
 protected:
     void saveKind(CStream& stream) const override;
     void loadKind(BlockIn& in) override;
-
-private:
-    // One voice's chunks, planned and stepped past.
-    class Walk;
 };

@@ -430,11 +430,7 @@ void CSample::readInterpolated(int32_t channel, int32_t count, float* dstL, floa
         const float* y = scratch + (n - first) * chans;
         const int32_t out = reverse ? count - 1 - i : i;
         for (int32_t c = 0; c < chans; ++c) {
-            const float y0 = y[c], y1 = y[chans + c], y2 = y[2 * chans + c], y3 = y[3 * chans + c];
-            const float a = 1.5f * (y1 - y2) - 0.5f * (y0 - y3);
-            const float b = 2.0f * y2 + y0 - 0.5f * (5.0f * y1 + y3);
-            const float cc = 0.5f * (y2 - y0);
-            const float v = ((a * t + b) * t + cc) * t + y1;
+            const float v = cubicPoint(y[c], y[chans + c], y[2 * chans + c], y[3 * chans + c], t);
             if (c == 0) dstL[out] = v;
             if (c == 1 || chans == 1) dstR[out] = v;
         }

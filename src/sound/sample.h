@@ -26,6 +26,16 @@
 
 enum SampleLoop : int32_t { loopOff = 0, loopForward = 1 };
 
+// The 4-point cubic between y1 and y2, `t` of the way from y1, with y0 and y3 the frames on either side.
+// T is a float, or a vector of floats that works on several positions at once.
+template <class T>
+T cubicPoint(T y0, T y1, T y2, T y3, T t) {
+    const T a = 1.5f * (y1 - y2) - 0.5f * (y0 - y3);
+    const T b = 2.0f * y2 + y0 - 0.5f * (5.0f * y1 + y3);
+    const T c = 0.5f * (y2 - y0);
+    return ((a * t + b) * t + c) * t + y1;
+}
+
 enum StreamBufferState : int32_t { bufferEmpty = 0, bufferWanted = 1, bufferLoading = 3, bufferFilled = 4 };
 
 struct StreamBuffer {

@@ -64,20 +64,6 @@ struct Svf {
 
 using Lanes = float __attribute__((vector_size(16)));
 using LaneBits = int32_t __attribute__((vector_size(16)));
-using FourShorts = int16_t __attribute__((vector_size(8)));
-
-// Four 16-bit frames as floats. The general conversion goes a value at a time on x86-64's baseline, where
-// widening the four in place takes three instructions.
-Lanes fourShorts(const uint8_t* at) {
-#if defined(__SSE2__)
-    const __m128i packed = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(at));
-    return reinterpret_cast<Lanes>(_mm_cvtepi32_ps(_mm_srai_epi32(_mm_unpacklo_epi16(packed, packed), 16)));
-#else
-    FourShorts frames;
-    std::memcpy(&frames, at, sizeof frames);
-    return __builtin_convertvector(frames, Lanes);
-#endif
-}
 
 Lanes loadLanes(const float* at) {
     Lanes x;
@@ -89,10 +75,7 @@ void storeLanes(float* at, Lanes x) { std::memcpy(at, &x, sizeof x); }
 
 Lanes magnitude(Lanes x) { return reinterpret_cast<Lanes>(reinterpret_cast<LaneBits>(x) & 0x7FFFFFFF); }
 
-float sum(Lanes x) { return (x[0] + x[1]) + (x[2] + x[3]); }
-
-// The 4-point cubic of the clip's interpolation, written as weights of the four frames around a position
-// so that it runs on all four at once. Positions are fixed point with 32 bits of fraction.
+// The positions of the clip's interpolation, fixed point with 32 bits of fraction.
 class CubicWalk {
 public:
     static constexpr double unit = 4294967296.0;
@@ -107,20 +90,6 @@ public:
         return n;
     }
 
-    // The weights of the frame before a position, of the frame at it and of the two after it.
-    static Lanes weights(float t) {
-        return ((Lanes{-0.5f, 1.5f, -1.5f, 0.5f} * t + Lanes{1.0f, -2.5f, 2.0f, -0.5f}) * t +
-                Lanes{-0.5f, 0.0f, 0.5f, 0.0f}) * t +
-               Lanes{0.0f, 1.0f, 0.0f, 0.0f};
-    }
-
-    int64_t next(Lanes& w) {
-        float t = 0.0f;
-        const int64_t n = advance(t);
-        w = weights(t);
-        return n;
-    }
-
     int64_t first() const { return phase >> 32; }
 
 private:
@@ -132,26 +101,25 @@ private:
 };
 
 // 16-bit little-endian frames read straight from a clip held in memory. Scaling by a power of two is
-// exact, so weighting the frames and scaling the sum once gives what converting them first would.
+// exact, so interpolating the frames and scaling the result once gives what converting them first would.
 struct PcmSource {
     PcmSource(const uint8_t* data, double base, float rate) : data(data), walk(base, rate) {}
 
     template <int32_t Channels>
     void next(float& l, float& r) {
-        Lanes w;
-        const uint8_t* y = data + (walk.next(w) - 1) * 2 * Channels;
-        if constexpr (Channels == 1) {
-            l = r = sum(fourShorts(y) * w) * scale;
-        } else {
-            LaneBits frames;
-            std::memcpy(&frames, y, sizeof frames);
-            l = sum(__builtin_convertvector((frames << 16) >> 16, Lanes) * w) * scale;
-            r = sum(__builtin_convertvector(frames >> 16, Lanes) * w) * scale;
-        }
+        float t = 0.0f;
+        const uint8_t* at = data + (walk.advance(t) - 1) * 2 * Channels;
+        int16_t y[4 * Channels];
+        std::memcpy(y, at, sizeof y);
+        const auto channel = [&y, t](int32_t c) {
+            return cubicPoint<float>(y[c], y[Channels + c], y[2 * Channels + c], y[3 * Channels + c], t) * scale;
+        };
+        l = channel(0);
+        r = Channels == 1 ? l : channel(Channels - 1);
     }
 
     // Fills `out` with the next `frames` positions of a mono clip, four at a time where it can: the four
-    // frames around each of four positions are turned so that each weight works on all four positions at
+    // frames around each of four positions are turned so that the cubic works on all four positions at
     // once, with the arithmetic of `next` lane for lane.
     void fillMono(float* out, int32_t frames) {
         int32_t i = 0;
@@ -166,15 +134,10 @@ struct PcmSource {
             const __m128i before = _mm_unpacklo_epi32(pairs01, pairs23);  // frames n - 1, then n, of the four
             const __m128i after = _mm_unpackhi_epi32(pairs01, pairs23);   // frames n + 1, then n + 2
             const auto widen = [](__m128i x) { return reinterpret_cast<Lanes>(_mm_cvtepi32_ps(_mm_srai_epi32(x, 16))); };
-            const Lanes y0 = widen(_mm_unpacklo_epi16(before, before));
-            const Lanes y1 = widen(_mm_unpackhi_epi16(before, before));
-            const Lanes y2 = widen(_mm_unpacklo_epi16(after, after));
-            const Lanes y3 = widen(_mm_unpackhi_epi16(after, after));
-            const Lanes at = {t[0], t[1], t[2], t[3]};
-            const auto weight = [&at](float k3, float k2, float k1, float k0) { return ((k3 * at + k2) * at + k1) * at + k0; };
-            const Lanes sum = (y0 * weight(-0.5f, 1.0f, -0.5f, 0.0f) + y1 * weight(1.5f, -2.5f, 0.0f, 1.0f)) +
-                              (y2 * weight(-1.5f, 2.0f, 0.5f, 0.0f) + y3 * weight(0.5f, -0.5f, 0.0f, 0.0f));
-            storeLanes(out + i, sum * scale);
+            const Lanes y = cubicPoint(widen(_mm_unpacklo_epi16(before, before)), widen(_mm_unpackhi_epi16(before, before)),
+                                       widen(_mm_unpacklo_epi16(after, after)), widen(_mm_unpackhi_epi16(after, after)),
+                                       Lanes{t[0], t[1], t[2], t[3]});
+            storeLanes(out + i, y * scale);
         }
 #endif
         for (float right = 0.0f; i < frames; ++i) next<1>(out[i], right);
@@ -193,14 +156,13 @@ struct FloatSource {
 
     template <int32_t Channels>
     void next(float& l, float& r) {
-        Lanes w;
-        const float* y = frames + (walk.next(w) - 1 - start) * Channels;
-        if constexpr (Channels == 1) {
-            l = r = sum(Lanes{y[0], y[1], y[2], y[3]} * w);
-        } else {
-            l = sum(Lanes{y[0], y[2], y[4], y[6]} * w);
-            r = sum(Lanes{y[1], y[3], y[5], y[7]} * w);
-        }
+        float t = 0.0f;
+        const float* y = frames + (walk.advance(t) - 1 - start) * Channels;
+        const auto channel = [y, t](int32_t c) {
+            return cubicPoint(y[c], y[Channels + c], y[2 * Channels + c], y[3 * Channels + c], t);
+        };
+        l = channel(0);
+        r = Channels == 1 ? l : channel(Channels - 1);
     }
 
     const float* frames;

@@ -455,6 +455,21 @@ void CSample::buildPeaks() {
             continue;
         }
         const auto n = static_cast<int32_t>(std::min<int64_t>(peakGroup, frames - first));
+        if (!streamed && bits == 16 && !bigEndian && data && (first + n) * bytesPerFrame <= dataBytes) {
+            // 16-bit frames held in memory: the extremes of the integers are those of their floats.
+            const uint8_t* bytes = data.get() + first * bytesPerFrame;
+            for (int32_t c = 0; c < channels; ++c) {
+                int32_t high = -32768, low = 32768;
+                for (int32_t i = 0; i < n; ++i) {
+                    const auto v = static_cast<int16_t>(le16(bytes + 2 * (i * channels + c)));
+                    high = std::max<int32_t>(high, v);
+                    low = std::min<int32_t>(low, v);
+                }
+                peaks.push_back(toByte(static_cast<float>(high) * 3.0517578e-5f));
+                peaks.push_back(toByte(static_cast<float>(low) * 3.0517578e-5f));
+            }
+            continue;
+        }
         // readFrames puts the frame before `first` in front.
         readFrames(row.data(), static_cast<int32_t>(row.size()), first, n, 1.0f);
         for (int32_t c = 0; c < channels; ++c) {

@@ -134,8 +134,9 @@ private:
     void readSampleData(const Chunk& list) {
         eachChunk(list, [&](const Chunk& c) {
             if (!c.is("smpl")) return;
-            std::vector<int16_t>& data = bank_.sampleData;
-            data.assign(static_cast<size_t>((c.end - c.start) / 2), 0);
+            auto& data = bank_.sampleData;
+            data.clear();
+            data.resize(static_cast<size_t>((c.end - c.start) / 2));
             const auto bytes = static_cast<int32_t>(data.size() * 2);
             if (s_.read(data.data(), bytes) != bytes) throw Refused{"truncated: the sample data is cut short"};
             if constexpr (std::endian::native == std::endian::big)

@@ -9,8 +9,10 @@
 // a message; an index that points outside its table only drops the zone that holds it.
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/string.h"
@@ -93,6 +95,26 @@ struct SoundFontInstrument {
     uint16_t firstBag = 0;
 };
 
+// An allocator whose resize leaves new elements uninitialised, for a block that is read over at once.
+template <class T>
+struct ReadOverAllocator : std::allocator<T> {
+    template <class U>
+    struct rebind {
+        using other = ReadOverAllocator<U>;
+    };
+    ReadOverAllocator() = default;
+    template <class U>
+    ReadOverAllocator(const ReadOverAllocator<U>&) noexcept {}
+    template <class U>
+    void construct(U* at) noexcept {
+        ::new (static_cast<void*>(at)) U;
+    }
+    template <class U, class... Args>
+    void construct(U* at, Args&&... args) {
+        ::new (static_cast<void*>(at)) U(std::forward<Args>(args)...);
+    }
+};
+
 class SoundFontBank {
 public:
     // Empties the bank: the sample block is the large part.
@@ -101,7 +123,7 @@ public:
     const SoundFontPreset* find(int32_t bank, int32_t program) const;
 
     SoundFontInfo info;
-    std::vector<int16_t> sampleData;  // the whole "smpl" chunk
+    std::vector<int16_t, ReadOverAllocator<int16_t>> sampleData;  // the whole "smpl" chunk
     std::vector<SoundFontSample> samples;  // without the terminal record
     std::vector<SoundFontInstrument> instruments;  // without the terminal record
     std::vector<SoundFontPreset> presets;  // without the terminal record, sorted by preset number

@@ -46,7 +46,7 @@ CSampleClip* clipFor(CSampler& sampler, const SoundFontBank& bank, const SoundFo
     int64_t frames = loop ? int64_t{zone.loopEnd} + 1 : int64_t{zone.end} - zone.start;
     frames = std::min<int64_t>(frames, static_cast<int64_t>(bank.sampleData.size()) - zone.start);
     if (frames < 1) return nullptr;
-    auto bytes = std::make_unique<uint8_t[]>(static_cast<size_t>(frames) * 2);
+    auto bytes = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(frames) * 2);
     std::memcpy(bytes.get(), bank.sampleData.data() + zone.start, static_cast<size_t>(frames) * 2);
 
     auto* clip = new CSampleClip();

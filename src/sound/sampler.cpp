@@ -349,7 +349,7 @@ void CSampler::generate(int32_t frames, int32_t offset) {
         return false;
     };
 
-    // Sampled voices that go straight to the output render two at a time once the others are done.
+    // Sampled voices that go straight to the output render in groups once the others are done.
     SamplerVoice* straightSampled[voiceCount];
     int32_t straightCount = 0;
     for (int32_t i = 0; i < voiceCount; ++i) {
@@ -396,10 +396,8 @@ void CSampler::generate(int32_t frames, int32_t offset) {
     if (straightCount == 0) return;
     float* intoL = out->left() + offset;
     float* intoR = out->right() + offset;
-    int32_t k = 0;
-    for (; k + 1 < straightCount; k += 2)
-        CWavSound::processPair(intoL, intoR, *straightSampled[k], *straightSampled[k + 1], frames);
-    if (k < straightCount) straightSampled[k]->sound->process(intoL, intoR, *straightSampled[k], frames);
+    for (int32_t k = 0; k < straightCount; k += CWavSound::maxGroup)
+        CWavSound::processGroup(intoL, intoR, straightSampled + k, std::min(CWavSound::maxGroup, straightCount - k), frames);
 }
 
 void CSampler::runSendEffects(int32_t frames) {

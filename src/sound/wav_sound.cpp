@@ -296,31 +296,35 @@ void runMonoSegment(ChunkJob& job, const float* in, int32_t from, int32_t count)
     job.peakRight = peakRight;
 }
 
-// Whether a job can run beside another voice's in `runMonoPair`.
-bool pairable(const ChunkJob& job) {
+// Whether a job can run beside other voices' in `filterGroup`.
+bool groupable(const ChunkJob& job) {
     const Svf& l = job.left;
     const Svf& r = job.right;
     return job.pcm && job.channels == 1 && job.tap == filterLow && job.ramps.dFilter == 0.0f && l.low == r.low &&
            l.band == r.band && l.high == r.high;
 }
 
-// The filters of two voices' pairable jobs side by side for `count` frames short of either job's last,
+// The filters of `Voices` voices' groupable jobs side by side for `count` frames short of any job's last,
 // each turning its interpolated input into its filter's low in place; `addWithGains` follows. One
-// filter's loop spends most of its time waiting on its own recursion; two independent ones fill each
+// filter's loop spends most of its time waiting on its own recursion; independent ones fill each
 // other's waits.
-void filterPair(ChunkJob& a, float* ioA, ChunkJob& b, float* ioB, int32_t count) {
-    Svf first = a.left, second = b.left;
-    const float fA = a.ramps.filterF, keepA = Svf::keepOf(fA, a.ramps.damping);
-    const float fB = b.ramps.filterF, keepB = Svf::keepOf(fB, b.ramps.damping);
-    for (int32_t i = 0; i < count; ++i) {
-        // high is left for each job's last frame
-        first.step<false>(ioA[i], fA, keepA, 0.0f);
-        second.step<false>(ioB[i], fB, keepB, 0.0f);
-        ioA[i] = first.low;
-        ioB[i] = second.low;
+template <int32_t Voices>
+void filterGroup(ChunkJob* const (&jobs)[Voices], float* const (&io)[Voices], int32_t count) {
+    Svf filters[Voices];
+    float f[Voices], keep[Voices];
+    for (int32_t k = 0; k < Voices; ++k) {
+        filters[k] = jobs[k]->left;
+        f[k] = jobs[k]->ramps.filterF;
+        keep[k] = Svf::keepOf(f[k], jobs[k]->ramps.damping);
     }
-    a.left = a.right = first;
-    b.left = b.right = second;
+    for (int32_t i = 0; i < count; ++i) {
+        for (int32_t k = 0; k < Voices; ++k) {
+            // high is left for each job's last frame
+            filters[k].template step<false>(io[k][i], f[k], keep[k], 0.0f);
+            io[k][i] = filters[k].low;
+        }
+    }
+    for (int32_t k = 0; k < Voices; ++k) jobs[k]->left = jobs[k]->right = filters[k];
 }
 
 // The filters run sample by sample and leave their taps in the tap buffers; the gains, peaks and mixing
@@ -589,13 +593,13 @@ void CWavSound::process(float* outL, float* outR, SamplerVoice& voice, int32_t f
 
 namespace {
 
-// One voice's side of a pair: its walk, its current pairable job, the job's interpolated input and how
-// far into the job it has got.
-struct PairLane {
-    // The next job that can run beside the other voice's; jobs that cannot are rendered on the way.
+// One voice of a group: its walk, its current groupable job, the job's interpolated input and how far
+// into the job it has got.
+struct GroupLane {
+    // The next job that can run beside the other voices'; jobs that cannot are rendered on the way.
     bool advance() {
         while (walk.next(job)) {
-            if (pairable(job)) {
+            if (groupable(job)) {
                 PcmSource{job.pcm, job.base, job.rate}.fillMono(input, job.frames);
                 done = 0;
                 return true;
@@ -624,32 +628,62 @@ struct PairLane {
     float input[CWavSound::maxChunkFrames];
 };
 
+template <int32_t Voices>
+void filterLanes(GroupLane* const* lanes, int32_t count) {
+    ChunkJob* jobs[Voices];
+    float* io[Voices];
+    for (int32_t k = 0; k < Voices; ++k) {
+        jobs[k] = &lanes[k]->job;
+        io[k] = lanes[k]->input + lanes[k]->done;
+    }
+    filterGroup<Voices>(jobs, io, count);
+}
+
 }  // namespace
 
-void CWavSound::processPair(float* outL, float* outR, SamplerVoice& first, SamplerVoice& second, int32_t frames) {
-    PairLane lanes[2];
-    SamplerVoice* voices[2] = {&first, &second};
-    for (int32_t k = 0; k < 2; ++k) {
-        PairLane& lane = lanes[k];
+void CWavSound::processGroup(float* outL, float* outR, SamplerVoice* const* voices, int32_t count, int32_t frames) {
+    GroupLane lanes[maxGroup];
+    GroupLane* live[maxGroup];
+    int32_t liveCount = 0;
+    count = std::clamp(count, 0, maxGroup);
+    for (int32_t k = 0; k < count; ++k) {
+        GroupLane& lane = lanes[k];
         lane.begun = lane.walk.begin(static_cast<CWavSound&>(*voices[k]->sound), *voices[k], outL, outR, frames);
         lane.live = lane.begun && lane.advance();
+        if (lane.live) live[liveCount++] = &lane;
     }
-    // Each job's last frame runs alone, since only it works out the filter's high.
-    while (lanes[0].live && lanes[1].live) {
-        if (lanes[0].left() == 1) lanes[0].runAlone(1);
-        else if (lanes[1].left() == 1) lanes[1].runAlone(1);
-        else {
-            const int32_t count = std::min(lanes[0].left(), lanes[1].left()) - 1;
-            filterPair(lanes[0].job, lanes[0].input + lanes[0].done, lanes[1].job, lanes[1].input + lanes[1].done, count);
-            for (PairLane& lane : lanes) {
-                ChunkJob& job = lane.job;
-                addWithGains(job.ramps, lane.input, lane.input, job.outL, job.outR, lane.done, lane.done + count,
-                             job.peakLeft, job.peakRight);
-                lane.done += count;
-            }
+    const auto dropEnded = [&] {
+        liveCount = static_cast<int32_t>(std::remove_if(live, live + liveCount, [](const GroupLane* l) { return !l->live; }) - live);
+    };
+    while (liveCount >= 2) {
+        // Each job's last frame runs alone, since only it works out the filter's high.
+        bool ranLast = false;
+        for (int32_t k = 0; k < liveCount; ++k) {
+            if (live[k]->left() != 1) continue;
+            live[k]->runAlone(1);
+            ranLast = true;
+        }
+        if (ranLast) {
+            dropEnded();
+            continue;
+        }
+        int32_t shared = live[0]->left();
+        for (int32_t k = 1; k < liveCount; ++k) shared = std::min(shared, live[k]->left());
+        --shared;
+        switch (liveCount) {
+        case 2: filterLanes<2>(live, shared); break;
+        case 3: filterLanes<3>(live, shared); break;
+        default: filterLanes<4>(live, shared); break;
+        }
+        for (int32_t k = 0; k < liveCount; ++k) {
+            GroupLane& lane = *live[k];
+            ChunkJob& job = lane.job;
+            addWithGains(job.ramps, lane.input, lane.input, job.outL, job.outR, lane.done, lane.done + shared,
+                         job.peakLeft, job.peakRight);
+            lane.done += shared;
         }
     }
-    for (PairLane& lane : lanes) {
+    for (GroupLane& lane : lanes) {
         while (lane.live) lane.runAlone(lane.left());
         if (lane.begun) lane.walk.end();
     }

@@ -25,9 +25,10 @@ public:
     CWavSound();
 
     void process(float* outL, float* outR, SamplerVoice& voice, int32_t frames) override;
-    // Two voices of sampled sounds into the same outputs, as `process` would render each, in one pass
-    // where their frames allow it.
-    static void processPair(float* outL, float* outR, SamplerVoice& first, SamplerVoice& second, int32_t frames);
+    // Up to `maxGroup` voices of sampled sounds into the same outputs, as `process` would render each, in
+    // one pass where their frames allow it.
+    static constexpr int32_t maxGroup = 4;
+    static void processGroup(float* outL, float* outR, SamplerVoice* const* voices, int32_t count, int32_t frames);
     // The clip's range and rate at the voice's start.
     void startVoice(SamplerVoice& voice) override;
     // A sampled sound takes notes only once its first clip has loaded.

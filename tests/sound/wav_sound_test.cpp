@@ -133,8 +133,8 @@ TEST(WavSound, StreamedAndInMemoryClipsPlayTheSameBits) {
     EXPECT_EQ(outputs[0], outputs[1]);
 }
 
-TEST(WavSound, VoicesRenderedTwoAtATimeSoundAsEachAlone) {
-    // The sampler renders its sampled voices in pairs where their chunks allow. Notes that start
+TEST(WavSound, VoicesRenderedInGroupsSoundAsEachAlone) {
+    // The sampler renders its sampled voices in groups where their chunks allow. Notes that start
     // mid-block, at different rates, one released and some running off the clip's end, must together
     // make the sum of what each makes alone.
     TempFolder dir;
@@ -147,7 +147,7 @@ TEST(WavSound, VoicesRenderedTwoAtATimeSoundAsEachAlone) {
         Rig rig(512);
         CWavSound& sound = useClip(rig, path, 0, 0.6f);
         sound.envelope[0].releaseTime = 0.05f;
-        // A second sound on the same clip, filtered differently, pairs its voices with the first's.
+        // A second sound on the same clip, filtered differently, groups its voices with the first's.
         auto* darker = new CWavSound();
         darker->pool = sound.pool;
         darker->setBlockSize(rig.block);

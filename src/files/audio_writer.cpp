@@ -35,6 +35,16 @@ void put32be(uint8_t* at, uint32_t value) {
 
 float clipped(float x) { return std::isnan(x) ? 0.0f : std::clamp(x, -1.0f, 1.0f); }
 
+// std::lround of a value well inside the int32 range, in plain arithmetic that the compiler can run on
+// several samples at once. Taking away the part towards zero leaves the fraction exactly.
+int32_t roundHalfAway(float x) {
+    const auto whole = static_cast<int32_t>(x);
+    const float rest = x - static_cast<float>(whole);
+    return whole + static_cast<int32_t>(rest >= 0.5f) - static_cast<int32_t>(rest <= -0.5f);
+}
+
+int16_t sample16(float x) { return static_cast<int16_t>(roundHalfAway(clipped(x) * 32767.0f)); }
+
 }  // namespace
 
 int32_t bitsOf(SampleFormat sample) {
@@ -105,15 +115,7 @@ std::array<uint8_t, aiffHeaderBytes> aiffHeader(const AudioFormat& format, uint3
     return h;
 }
 
-// std::lround of a value well inside the int32 range, in plain arithmetic that the compiler can run on
-// several samples at once. Taking away the part towards zero leaves the fraction exactly.
-int32_t roundHalfAway(float x) {
-    const auto whole = static_cast<int32_t>(x);
-    const float rest = x - static_cast<float>(whole);
-    return whole + static_cast<int32_t>(rest >= 0.5f) - static_cast<int32_t>(rest <= -0.5f);
-}
-
-int16_t toInt16(float x) { return static_cast<int16_t>(roundHalfAway(clipped(x) * 32767.0f)); }
+int16_t toInt16(float x) { return sample16(x); }
 
 int32_t toInt24(float x) { return static_cast<int32_t>(std::lround(static_cast<double>(clipped(x)) * 8388607.0)); }
 
@@ -159,8 +161,8 @@ void AudioWriter::write(const float* left, const float* right, int32_t frames) {
     if (format_.sample == SampleFormat::int16 && format_.channels == 2 && !big) {
         // The usual render, in a loop of its own.
         for (int32_t i = 0; i < frames; ++i) {
-            put16(out + 4 * i, static_cast<uint16_t>(toInt16(left[i])));
-            put16(out + 4 * i + 2, static_cast<uint16_t>(toInt16(right[i])));
+            put16(out + 4 * i, static_cast<uint16_t>(sample16(left[i])));
+            put16(out + 4 * i + 2, static_cast<uint16_t>(sample16(right[i])));
         }
         writeBytes(bytes_.data(), bytes_.size());
         frames_ += frames;

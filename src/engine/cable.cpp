@@ -1,6 +1,7 @@
 #include "engine/cable.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 
 #include "engine/comp.h"
@@ -28,20 +29,20 @@ namespace {
 
 // Adds one side through the ring (or straight when there is no padding); returns the sum's peak.
 float sumSide(const float* from, float* to, float* ring, int32_t position, int32_t delayFrames, int32_t frames) {
-    float peak = 0.0f;
+    uint32_t peak = 0;
     if (delayFrames == 0) {
         for (int32_t i = 0; i < frames; ++i) {
             to[i] += from[i];
-            peak = std::max(peak, std::fabs(to[i]));
+            peak = std::max(peak, magnitudeBits(to[i]));
         }
-        return peak;
+        return std::bit_cast<float>(peak);
     }
     for (int32_t i = 0; i < frames; ++i) {
         ring[(position + i + delayFrames) & ringMask] = from[i];
         to[i] += ring[(position + i) & ringMask];
-        peak = std::max(peak, std::fabs(to[i]));
+        peak = std::max(peak, magnitudeBits(to[i]));
     }
-    return peak;
+    return std::bit_cast<float>(peak);
 }
 
 void track(Meter& peak, Meter& hold, float level) {

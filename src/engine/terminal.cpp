@@ -66,10 +66,6 @@ PanGains panLaw(float p) {
     return {1.0f - p * 0.5f, p + 1.0f};
 }
 
-// A sample's magnitude as bits. Without the sign, the order of the bits is the order of the values, and
-// a running maximum of integers vectorises where one of floats does not.
-uint32_t magnitudeBits(float sample) { return std::bit_cast<uint32_t>(sample) & 0x7fffffffu; }
-
 float peakOf(const float* samples, int32_t frames) {
     uint32_t peak = 0;
     for (int32_t i = 0; i < frames; ++i) peak = std::max(peak, magnitudeBits(samples[i]));

@@ -12,6 +12,7 @@
 // delay rings) belongs to the thread that runs the component.
 
 #include <atomic>
+#include <bit>
 #include <cstdint>
 #include <memory>
 
@@ -53,6 +54,10 @@ private:
 
 // Raises a peak meter to a level and its hold to the highest level seen; the peak shows at most 1.0.
 void raiseMeter(Meter& peak, Meter& hold, float level);
+
+// A sample's magnitude as bits. Without the sign, the order of the bits is the order of the values, and
+// a running maximum of integers vectorises where one of floats does not.
+inline uint32_t magnitudeBits(float sample) { return std::bit_cast<uint32_t>(sample) & 0x7fffffffu; }
 
 class CInputChannel : public CIO {
 public:

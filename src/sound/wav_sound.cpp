@@ -200,10 +200,15 @@ struct ChunkJob {
     float peakLeft = 0.0f, peakRight = 0.0f;
 };
 
+// The peaks raised to the magnitudes of y; a NaN leaves its peak as it was.
 Lanes larger(Lanes peak, Lanes y) {
+#if defined(__SSE2__)
+    return reinterpret_cast<Lanes>(_mm_max_ps(reinterpret_cast<__m128>(magnitude(y)), reinterpret_cast<__m128>(peak)));
+#else
     const Lanes size = magnitude(y);
     const LaneBits higher = peak < size;
     return reinterpret_cast<Lanes>((higher & reinterpret_cast<LaneBits>(size)) | (~higher & reinterpret_cast<LaneBits>(peak)));
+#endif
 }
 
 // Adds the tapped filter outputs of frames [from, to) of a chunk times the ramped gains into the outputs

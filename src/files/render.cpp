@@ -1,6 +1,7 @@
 #include "files/render.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <vector>
 
@@ -72,11 +73,15 @@ RenderResult renderOffline(CQV& engine, RenderRange range, AudioWriter& writer, 
             skip -= n;
             continue;
         }
+        // The peak as a running maximum of magnitude bits, which vectorises; a NaN counts as silence.
+        uint32_t peak = magnitudeBits(result.peak);
         for (int32_t i = 0; i < frames; ++i) {
-            left[static_cast<size_t>(i)] = std::clamp(channel->left()[i], -1.0f, 1.0f);
-            right[static_cast<size_t>(i)] = std::clamp(channel->right()[i], -1.0f, 1.0f);
-            result.peak = std::max({result.peak, std::abs(left[static_cast<size_t>(i)]), std::abs(right[static_cast<size_t>(i)])});
+            const auto bounded = [](float x) { return std::isnan(x) ? 0.0f : std::clamp(x, -1.0f, 1.0f); };
+            left[static_cast<size_t>(i)] = bounded(channel->left()[i]);
+            right[static_cast<size_t>(i)] = bounded(channel->right()[i]);
+            peak = std::max({peak, magnitudeBits(left[static_cast<size_t>(i)]), magnitudeBits(right[static_cast<size_t>(i)])});
         }
+        result.peak = std::bit_cast<float>(peak);
         writer.write(left.data(), right.data(), frames);
         result.frames += n;
         ticksLeft -= n * engine.bpm.load(std::memory_order_relaxed) * 16.0 / rate;

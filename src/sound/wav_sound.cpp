@@ -175,9 +175,11 @@ struct FloatSource {
 const uint8_t* directPcm16(const CSampleClip& clip, double position, double rate, int32_t chunk) {
     if (clip.streamed || clip.bits != 16 || clip.bigEndian || (clip.channels != 1 && clip.channels != 2) || !clip.data)
         return nullptr;
-    const int64_t held = std::min<int64_t>(clip.frames, clip.dataBytes / clip.bytesPerFrame);
-    // One frame before the first position, two behind the last, and a frame of slack for rounding.
-    if (!(position >= 1.0) || !(position + static_cast<double>(chunk) * rate + 4.0 < static_cast<double>(held)))
+    // One frame before the first position, two behind the last, and a frame of slack for rounding. The
+    // last whole frame read ends before `beyond`, so a data block that holds `beyond` frames holds it.
+    const double beyond = position + static_cast<double>(chunk) * rate + 4.0;
+    if (!(position >= 1.0) || !(beyond < static_cast<double>(clip.frames)) ||
+        !(beyond * clip.bytesPerFrame < static_cast<double>(clip.dataBytes)))
         return nullptr;
     return clip.data.get();
 }

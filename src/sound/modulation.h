@@ -45,11 +45,9 @@ constexpr int32_t routingCount = 4;
 // table (a damaged file) go nowhere. An amount of 0 adds 0 or scales by 1, so it is passed over: most
 // entries of most sounds are unused, and this runs for every modulator of every voice each chunk.
 inline bool reachesAnyTarget(const RoutingEntry (&entries)[routingCount]) {
-    // Without branches: asked for every modulator at every chunk, the answers come in no pattern.
-    bool reaches = false;
     for (const RoutingEntry& entry : entries)
-        reaches |= (entry.amount != 0.0f) & (static_cast<uint32_t>(entry.index) < static_cast<uint32_t>(targetCount));
-    return reaches;
+        if (entry.amount != 0.0f && entry.index >= 0 && entry.index < targetCount) return true;
+    return false;
 }
 
 inline void applyRouting(const RoutingEntry (&entries)[routingCount], float m, float (&targets)[targetCount]) {

@@ -52,6 +52,7 @@ void COSCSound::process(float* outL, float* outR, SamplerVoice& voice, int32_t f
         if (voice.closing <= 0) voice.state = voiceFree;
         return;
     }
+    noteReaching(voice);
     const float slew = 1.0f / (voice.sampleRate * 6.2831855f * 0.001f);
     const int32_t maxChunk = std::max(1, static_cast<int32_t>(std::floor(voice.sampleRate * 0.001 + 0.5)));
     float peakLeft = peakL.load(std::memory_order_relaxed);

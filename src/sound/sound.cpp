@@ -242,21 +242,31 @@ void advanceSegment(ModState& state, int32_t ahead) {
 
 }  // namespace
 
+void CSound::noteReaching(SamplerVoice& voice) {
+    uint32_t reaching = 0;
+    for (int32_t m = 0; m < voiceModulators; ++m)
+        if (voice.mods[m] && reachesAnyTarget(voice.mods[m]->params)) reaching |= 1u << m;
+    for (int32_t i = 0; i < lfoCount; ++i)
+        if (voice.lfo[i].lfo && reachesAnyTarget(voice.lfo[i].lfo->params)) reaching |= 1u << (voiceModulators + i);
+    voice.reaching = reaching;
+}
+
 void CSound::modulate(SamplerVoice& voice, int32_t chunk) {
     for (int32_t m = 0; m < voiceModulators; ++m) {
         if (!voice.mods[m]) continue;
         // An envelope that reaches no target needn't be worked out each chunk: its segment is stateless
         // given where it stands, and a release catches it up first. Oscillators read the pitch envelope
         // directly.
-        const RoutingEntry (&params)[routingCount] = voice.mods[m]->params;
-        if (m < envelopeCount && !reachesAnyTarget(params)) continue;
+        const bool routed = voice.reaching & (1u << m);
+        if (m < envelopeCount && !routed) continue;
         advanceSegment(voice.modState[m], chunk);
-        applyRouting(params, voice.modState[m].value, targets);
+        if (routed) applyRouting(voice.mods[m]->params, voice.modState[m].value, targets);
     }
-    for (LFOState& state : voice.lfo) {
+    for (int32_t i = 0; i < lfoCount; ++i) {
+        LFOState& state = voice.lfo[i];
         if (!state.lfo) continue;
         // Only a routed LFO reads its wave: the tables are large, and a read is often a cache miss.
-        const bool routed = reachesAnyTarget(state.lfo->params);
+        const bool routed = voice.reaching & (1u << (voiceModulators + i));
         if (state.delayLeft != 0) {
             state.value = 0.5f;
             state.delayLeft -= chunk;

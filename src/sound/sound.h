@@ -112,6 +112,9 @@ protected:
     // A chunk of at most `chunk` frames, cut at the end of a glide, of any running segment, of any LFO
     // delay and at the next wrap of any LFO.
     int32_t cutChunk(SamplerVoice& voice, int32_t chunk, WrapRounding rounding) const;
+    // Notes in the voice which of its modulators and LFOs reach a target, for the chunks of one run of
+    // frames: a run ends at the next event, so routing that events change takes effect where they fall.
+    static void noteReaching(SamplerVoice& voice);
     // Advances modulator values and LFOs for the chunk and applies all routing to `targets`.
     void modulate(SamplerVoice& voice, int32_t chunk);
     // Glide and modulators step past the chunk; when the amplitude envelope has ended, the closing

@@ -16,6 +16,7 @@ enum VoiceState : int32_t { voiceFree = 0, voiceSounding = 1 };
 // envelope[0..5], then the pitch envelope.
 constexpr int32_t voiceModulators = 7;
 constexpr int32_t lfoCount = 4;
+static_assert(voiceModulators + lfoCount <= 32, "a voice notes its reaching modulators in 32 bits");
 
 struct SamplerVoice {
     // Set at note-on: the engine and the sampler's buffers.
@@ -28,6 +29,7 @@ struct SamplerVoice {
     CSoundRandom* random = nullptr;
 
     uint8_t firstChunk = 0;  // the first chunk takes gains and coefficients without a ramp
+    uint32_t reaching = 0;   // bit m: modulator m reaches a target; bit voiceModulators + i: LFO i does
     int32_t state = voiceFree;
     int32_t closing = 0;  // samples left of the closing interval: silent, and not to be reused
     int32_t glideLeft = 0;

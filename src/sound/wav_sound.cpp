@@ -445,6 +445,7 @@ public:
             voice->state = voiceFree;
             return false;
         }
+        CSound::noteReaching(*voice);
         slew = 1.0f / (voice->sampleRate * 6.2831855f * 0.001f);
         maxChunk = std::clamp(static_cast<int32_t>(std::floor(voice->sampleRate * 0.001 + 0.5)), 1, maxChunkFrames);
         // The fastest rate whose frames of one chunk still fit the conversion scratch.

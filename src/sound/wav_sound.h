@@ -29,6 +29,8 @@ public:
     // one pass where their frames allow it.
     static constexpr int32_t maxGroup = 4;
     static void processGroup(float* outL, float* outR, SamplerVoice* const* voices, int32_t count, int32_t frames);
+    // Lets a test hold the interpolation to four lanes where the processor has eight, to compare the two.
+    static void allowWideLanes(bool allowed);
     // The clip's range and rate at the voice's start.
     void startVoice(SamplerVoice& voice) override;
     // A sampled sound takes notes only once its first clip has loaded.

@@ -180,6 +180,26 @@ TEST(WavSound, VoicesRenderedInGroupsSoundAsEachAlone) {
     EXPECT_GT(loudest, 0.05f);
 }
 
+TEST(WavSound, EightLanesInterpolateTheBitsOfFour) {
+#if defined(__x86_64__)
+    if (!__builtin_cpu_supports("avx2")) GTEST_SKIP() << "this processor has no 256-bit lanes";
+#endif
+    TempFolder dir;
+    const std::string path = dir.file("noise.wav");
+    ASSERT_EQ(std::system(("sox -n -r 44100 -b 16 -c 1 '" + path + "' synth 1 whitenoise vol 0.8 2>/dev/null").c_str()), 0);
+    std::vector<float> outputs[2];
+    for (bool wide : {false, true}) {
+        CWavSound::allowWideLanes(wide);
+        Rig rig(512);
+        useClip(rig, path, 0, 0.8f);
+        // Odd starts and rates leave chunks whose lengths are not multiples of eight or four.
+        rig.render(30000, {{0, noteOn(61)}, {333, noteOn(70)}, {4001, noteOn(45)}, {9000, noteOff(70)}});
+        outputs[wide] = rig.left;
+    }
+    CWavSound::allowWideLanes(true);
+    EXPECT_EQ(outputs[0], outputs[1]);
+}
+
 TEST(WavSound, SamplerSavesAndLoadsItsClipsByteForByte) {
     TempFolder dir;
     Rig rig;

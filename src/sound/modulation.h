@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <limits>
 
 #include "core/object.h"
 
@@ -183,6 +184,7 @@ struct LFOState {
     float value = 0.5f;
     double phase = 0.0;  // cycles
     double inc = 0.0;    // cycles per sample
+    double incHz = std::numeric_limits<double>::quiet_NaN();  // the rate `inc` was worked out for
     int32_t delayLeft = 0;
     int32_t toWrap = 0;
     const double* table = nullptr;

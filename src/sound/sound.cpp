@@ -33,12 +33,17 @@ double tempoOf(const SamplerVoice& voice) {
     return voice.engine ? voice.engine->bpm.load(std::memory_order_relaxed) : 120.0;
 }
 
-// Cycles per sample of an LFO for this voice; 0 (standing still) for a rate that is not positive.
-double lfoIncrement(const SamplerVoice& voice, const CLFO& lfo) {
-    const double inc = lfo.rateHz(tempoOf(voice)) / voice.sampleRate;
+// An LFO's rate for this voice; only a rate in beats asks the engine for its tempo.
+double lfoHz(const SamplerVoice& voice, const CLFO& lfo) { return lfo.sync == 0 ? lfo.rate : lfo.rateHz(tempoOf(voice)); }
+
+// Cycles per sample at a rate; 0 (standing still) for a rate that is not positive.
+double lfoIncrementAt(const SamplerVoice& voice, double hz) {
+    const double inc = hz / voice.sampleRate;
     if (!(inc > 0.0)) return 0.0;
     return std::min(inc, maxLFOIncrement);
 }
+
+double lfoIncrement(const SamplerVoice& voice, const CLFO& lfo) { return lfoIncrementAt(voice, lfoHz(voice, lfo)); }
 
 void writeRouting(CStream& stream, const CMod& mod) {
     for (const RoutingEntry& entry : mod.params) {
@@ -179,6 +184,7 @@ void CSound::startModulators(SamplerVoice& voice) {
         state.phase = 0.0;
         state.value = 0.5f;
         state.inc = 0.0;
+        state.incHz = std::numeric_limits<double>::quiet_NaN();
         state.toWrap = 0;
         state.delayLeft = toCount(std::floor(settings.delay * double{voice.sampleRate} * 0.001 + 0.5));
         if (settings.restart == restartFree) {
@@ -211,7 +217,11 @@ int32_t CSound::cutChunk(SamplerVoice& voice, int32_t chunk, WrapRounding roundi
     for (LFOState& state : voice.lfo) {
         if (!state.lfo) continue;
         if (state.delayLeft != 0) chunk = std::min(chunk, state.delayLeft);
-        state.inc = lfoIncrement(voice, *state.lfo);
+        // The rate mostly holds from one chunk to the next; the increment is worked out when it moves.
+        if (const double hz = lfoHz(voice, *state.lfo); !(hz == state.incHz)) {
+            state.incHz = hz;
+            state.inc = lfoIncrementAt(voice, hz);
+        }
         if (state.inc > 0.0 && 1.0 - state.phase > (chunk + 3) * state.inc) {
             // The wrap lies beyond this chunk, even one a frame longer than asked for, by more than any
             // rounding of the count could move it; the count is worked out again next chunk, so "not in

@@ -223,6 +223,25 @@ TEST(LFOs, RatesMeasuredFromTheOutputMatchTheFormula) {
     }
 }
 
+TEST(LFOs, ARateChangedWhileANoteSoundsTakesEffect) {
+    Rig rig;
+    CLFO& lfo = dcSound(rig).lfo[0];
+    lfo.wave = wavePulse;
+    lfo.rate = 6.0f;
+    lfo.params[0] = {1, targetVolume, 1.0f};
+    rig.render(rate, dcNote());
+    lfo.rate = 13.3f;
+    const size_t changedAt = rig.right.size();
+    rig.render(rate);
+    std::vector<size_t> rises;
+    for (size_t n = changedAt + 1; n < rig.right.size(); ++n)
+        if (gain(rig, n - 1) < centreGain / 2 && gain(rig, n) >= centreGain / 2) rises.push_back(n);
+    ASSERT_GE(rises.size(), 10u);
+    const double period = rate / 13.3;
+    for (size_t k = 1; k < rises.size(); ++k)
+        EXPECT_NEAR(static_cast<double>(rises[k] - rises[k - 1]), period, chunk + 1.0) << "rise " << k;
+}
+
 TEST(LFOs, ADelayHoldsTheCentreThenStartsFromThePhaseAtNoteOn) {
     Rig rig;
     CLFO& lfo = dcSound(rig).lfo[0];

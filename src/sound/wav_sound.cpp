@@ -372,10 +372,11 @@ bool groupable(const ChunkJob& job) {
            l.band == r.band && l.high == r.high;
 }
 
-// The filters of `Voices` voices' groupable jobs side by side for `count` frames short of any job's last,
-// each turning its interpolated input into its filter's low in place; `addWithGains` follows. One
-// filter's loop spends most of its time waiting on its own recursion; independent ones fill each
-// other's waits.
+// The filters of `Voices` voices' groupable jobs side by side for `count` frames, each turning its
+// interpolated input into its filter's low in place; `addWithGains` follows. One filter's loop spends
+// most of its time waiting on its own recursion; independent ones fill each other's waits. The last
+// frame works out the filters' high as well, so that a job that ends there leaves its voice's state
+// whole.
 template <int32_t Voices>
 void filterGroup(ChunkJob* const (&jobs)[Voices], float* const (&io)[Voices], int32_t count) {
     Svf filters[Voices];
@@ -385,14 +386,18 @@ void filterGroup(ChunkJob* const (&jobs)[Voices], float* const (&io)[Voices], in
         f[k] = jobs[k]->ramps.filterF;
         keep[k] = Svf::keepOf(f[k], jobs[k]->ramps.damping);
     }
-    for (int32_t i = 0; i < count; ++i) {
+    int32_t i = 0;
+    for (; i + 1 < count; ++i) {
         for (int32_t k = 0; k < Voices; ++k) {
-            // high is left for each job's last frame
             filters[k].template step<false>(io[k][i], f[k], keep[k], 0.0f);
             io[k][i] = filters[k].low;
         }
     }
-    for (int32_t k = 0; k < Voices; ++k) jobs[k]->left = jobs[k]->right = filters[k];
+    for (int32_t k = 0; k < Voices; ++k) {
+        filters[k].template step<true>(io[k][i], f[k], keep[k], jobs[k]->ramps.damping);
+        io[k][i] = filters[k].low;
+        jobs[k]->left = jobs[k]->right = filters[k];
+    }
 }
 
 // The filters run sample by sample and leave their taps in the tap buffers; the gains, peaks and mixing
@@ -685,9 +690,14 @@ struct GroupLane {
         return false;
     }
 
-    // Renders `count` frames of the job alone, and steps to the next job once this one is done.
+    // Renders `count` frames of the job alone, and steps past them.
     void runAlone(int32_t count) {
         runMonoSegment<filterLow, false>(job, input, done, count);
+        stepPast(count);
+    }
+
+    // Moves on by `count` rendered frames, to the next job once this one is done.
+    void stepPast(int32_t count) {
         done += count;
         if (done < job.frames) return;
         walk.finish(job);
@@ -731,20 +741,8 @@ void CWavSound::processGroup(float* outL, float* outR, SamplerVoice* const* voic
         liveCount = static_cast<int32_t>(std::remove_if(live, live + liveCount, [](const GroupLane* l) { return !l->live; }) - live);
     };
     while (liveCount >= 2) {
-        // Each job's last frame runs alone, since only it works out the filter's high.
-        bool ranLast = false;
-        for (int32_t k = 0; k < liveCount; ++k) {
-            if (live[k]->left() != 1) continue;
-            live[k]->runAlone(1);
-            ranLast = true;
-        }
-        if (ranLast) {
-            dropEnded();
-            continue;
-        }
         int32_t shared = live[0]->left();
         for (int32_t k = 1; k < liveCount; ++k) shared = std::min(shared, live[k]->left());
-        --shared;
         switch (liveCount) {
         case 2: filterLanes<2>(live, shared); break;
         case 3: filterLanes<3>(live, shared); break;
@@ -755,8 +753,9 @@ void CWavSound::processGroup(float* outL, float* outR, SamplerVoice* const* voic
             ChunkJob& job = lane.job;
             addWithGains(job.ramps, lane.input, lane.input, job.outL, job.outR, lane.done, lane.done + shared,
                          job.peakLeft, job.peakRight);
-            lane.done += shared;
+            lane.stepPast(shared);
         }
+        dropEnded();
     }
     for (GroupLane& lane : lanes) {
         while (lane.live) lane.runAlone(lane.left());

@@ -174,6 +174,36 @@ struct PcmSource {
         for (float right = 0.0f; i < frames; ++i) next<1>(out[i], right);
     }
 
+    // Fills `left` and `right` with the next `frames` positions of a stereo clip, four at a time where it
+    // can: each lane pair works out one position's two channels, with the arithmetic of `next`.
+    void fillStereo(float* left, float* right, int32_t frames) {
+        int32_t i = 0;
+#if defined(__SSE2__)
+        for (; i + 4 <= frames; i += 4) {
+            float t[4];
+            __m128i around[4];
+            for (int32_t k = 0; k < 4; ++k)
+                around[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + (walk.advance(t[k]) - 1) * 4));
+            const auto pair = [](__m128i a, __m128i b, float ta, float tb) {
+                const __m128i before = _mm_unpacklo_epi32(a, b);  // frames n - 1, then n, of both positions
+                const __m128i after = _mm_unpackhi_epi32(a, b);   // frames n + 1, then n + 2
+                const auto widen = [](__m128i x) { return _mm_cvtepi32_ps(_mm_srai_epi32(x, 16)); };
+                const Lanes y = cubicPoint(reinterpret_cast<Lanes>(widen(_mm_unpacklo_epi16(before, before))),
+                                           reinterpret_cast<Lanes>(widen(_mm_unpackhi_epi16(before, before))),
+                                           reinterpret_cast<Lanes>(widen(_mm_unpacklo_epi16(after, after))),
+                                           reinterpret_cast<Lanes>(widen(_mm_unpackhi_epi16(after, after))),
+                                           Lanes{ta, ta, tb, tb});
+                return reinterpret_cast<__m128>(y * scale);
+            };
+            const __m128 first = pair(around[0], around[1], t[0], t[1]);   // left, right, left, right
+            const __m128 second = pair(around[2], around[3], t[2], t[3]);
+            _mm_storeu_ps(left + i, _mm_shuffle_ps(first, second, _MM_SHUFFLE(2, 0, 2, 0)));
+            _mm_storeu_ps(right + i, _mm_shuffle_ps(first, second, _MM_SHUFFLE(3, 1, 3, 1)));
+        }
+#endif
+        for (; i < frames; ++i) next<2>(left[i], right[i]);
+    }
+
     static constexpr float scale = 1.0f / 32768.0f;
     const uint8_t* data;
     CubicWalk walk;
@@ -335,10 +365,11 @@ void forEachFrame(int32_t from, int32_t to, int32_t frames, Frame&& frame) {
     for (; i < to; ++i, fi += 1.0f) frame.template operator()<true>(i, fi);
 }
 
-// Frames [from, from + count) of a mono job behind one filter whose input is interpolated into `in`:
-// the filter's loop waits on the filter, and the gains, peaks and mixing fit in its shadow.
-template <int32_t Tap, bool Sweeping>
-void runMonoSegment(ChunkJob& job, const float* in, int32_t from, int32_t count) {
+// Frames [from, from + count) of a job whose input is already interpolated into `inL` and `inR`, behind
+// one filter for a mono job and two for a stereo one: the filters' loop waits on the filters, and the
+// gains, peaks and mixing fit in its shadow.
+template <int32_t Channels, int32_t Tap, bool Sweeping>
+void runSegment(ChunkJob& job, const float* inL, const float* inR, int32_t from, int32_t count) {
     const Ramps ramps = job.ramps;
     const float damping = ramps.damping;
     FilterRamp<Sweeping> filter(ramps);
@@ -346,69 +377,85 @@ void runMonoSegment(ChunkJob& job, const float* in, int32_t from, int32_t count)
     const float gainL = ramps.gainL, dGainL = ramps.dGainL, gainR = ramps.gainR, dGainR = ramps.dGainR;
     float* outL = job.outL;
     float* outR = job.outR;
-    Svf l = job.left;
+    Svf l = job.left, r = job.right;
     float peakLeft = job.peakLeft, peakRight = job.peakRight;
     forEachFrame<Tap>(from, from + count, job.frames, [&]<bool WithHigh>(int32_t i, float fi) {
         filter.at(fi);
-        l.template step<WithHigh>(in[i], filter.f, filter.keep, damping);
-        const float tapped = l.template tap<Tap>();
-        const float yL = tapped * (gainL + fi * dGainL);
-        const float yR = tapped * (gainR + fi * dGainR);
+        l.template step<WithHigh>(inL[i], filter.f, filter.keep, damping);
+        const float tappedL = l.template tap<Tap>();
+        float tappedR = tappedL;
+        if constexpr (Channels == 2) {
+            r.template step<WithHigh>(inR[i], filter.f, filter.keep, damping);
+            tappedR = r.template tap<Tap>();
+        }
+        const float yL = tappedL * (gainL + fi * dGainL);
+        const float yR = tappedR * (gainR + fi * dGainR);
         peakLeft = std::max(peakLeft, std::fabs(yL));
         peakRight = std::max(peakRight, std::fabs(yR));
         outL[i] += yL;
         outR[i] += yR;
     });
-    job.left = job.right = l;
+    job.left = l;
+    job.right = Channels == 2 ? r : l;
     job.peakLeft = peakLeft;
     job.peakRight = peakRight;
 }
 
-// Whether a job can run beside other voices' in `filterGroup`.
+// Whether a job can run beside other voices' in `filterChains`: a mono job whose two filters agree, or a
+// stereo one, read from the clip's bytes through a low-pass that holds still.
 bool groupable(const ChunkJob& job) {
     const Svf& l = job.left;
     const Svf& r = job.right;
-    return job.pcm && job.channels == 1 && job.tap == filterLow && job.ramps.dFilter == 0.0f && l.low == r.low &&
-           l.band == r.band && l.high == r.high;
+    const bool sharedFilter = job.channels == 1 && l.low == r.low && l.band == r.band && l.high == r.high;
+    return job.pcm && (job.channels == 2 || sharedFilter) && job.tap == filterLow && job.ramps.dFilter == 0.0f;
 }
 
-// The filters of `Voices` voices' groupable jobs side by side for `count` frames, each turning its
-// interpolated input into its filter's low in place; `addWithGains` follows. One filter's loop spends
-// most of its time waiting on its own recursion; independent ones fill each other's waits. The last
-// frame works out the filters' high as well, so that a job that ends there leaves its voice's state
-// whole.
-template <int32_t Voices>
-void filterGroup(ChunkJob* const (&jobs)[Voices], float* const (&io)[Voices], int32_t count) {
-    Svf filters[Voices];
-    float f[Voices], keep[Voices];
-    for (int32_t k = 0; k < Voices; ++k) {
-        filters[k] = jobs[k]->left;
-        f[k] = jobs[k]->ramps.filterF;
-        keep[k] = Svf::keepOf(f[k], jobs[k]->ramps.damping);
+// One filter of a grouped job: its state, and the interpolated input it turns into its low in place.
+struct FilterChain {
+    Svf* state;
+    float* io;
+    float f, damping;
+};
+
+// `Chains` filters side by side for `count` frames. One filter's loop spends most of its time waiting on
+// its own recursion; independent ones fill each other's waits. The last frame works out the filters'
+// high as well, so that a job that ends there leaves its voice's state whole.
+template <int32_t Chains>
+void filterChains(const FilterChain* chains, int32_t count) {
+    Svf filters[Chains];
+    float* io[Chains];
+    float f[Chains], keep[Chains];
+    for (int32_t k = 0; k < Chains; ++k) {
+        filters[k] = *chains[k].state;
+        io[k] = chains[k].io;
+        f[k] = chains[k].f;
+        keep[k] = Svf::keepOf(f[k], chains[k].damping);
     }
     int32_t i = 0;
     for (; i + 1 < count; ++i) {
-        for (int32_t k = 0; k < Voices; ++k) {
+        for (int32_t k = 0; k < Chains; ++k) {
             filters[k].template step<false>(io[k][i], f[k], keep[k], 0.0f);
             io[k][i] = filters[k].low;
         }
     }
-    for (int32_t k = 0; k < Voices; ++k) {
-        filters[k].template step<true>(io[k][i], f[k], keep[k], jobs[k]->ramps.damping);
+    for (int32_t k = 0; k < Chains; ++k) {
+        filters[k].template step<true>(io[k][i], f[k], keep[k], chains[k].damping);
         io[k][i] = filters[k].low;
-        jobs[k]->left = jobs[k]->right = filters[k];
+        *chains[k].state = filters[k];
     }
 }
 
 // The filters run sample by sample and leave their taps in the tap buffers; the gains, peaks and mixing
-// follow four frames at a time. A mono clip in memory behind one filter has its input interpolated four
-// frames at a time first, so that the filter's loop is left with nothing but the filter.
+// follow four frames at a time. A clip in memory, mono behind one filter or stereo, has its input
+// interpolated four frames at a time first, so that the filters' loop is left with nothing but the filters.
 template <int32_t Channels, int32_t Tap, bool SharedFilter, bool Sweeping, class Source>
 void runJob(ChunkJob& job, Source source) {
     if constexpr (SharedFilter && std::is_same_v<Source, PcmSource>) {
         source.fillMono(job.tapL, job.frames);
-        runMonoSegment<Tap, Sweeping>(job, job.tapL, 0, job.frames);
-        return;
+        runSegment<1, Tap, Sweeping>(job, job.tapL, job.tapL, 0, job.frames);
+    } else if constexpr (Channels == 2 && std::is_same_v<Source, PcmSource>) {
+        source.fillStereo(job.tapL, job.tapR, job.frames);
+        runSegment<2, Tap, Sweeping>(job, job.tapL, job.tapR, 0, job.frames);
     } else {
         const Ramps& ramps = job.ramps;
         const float damping = ramps.damping;
@@ -680,7 +727,9 @@ struct GroupLane {
     bool advance() {
         while (walk.next(job)) {
             if (groupable(job)) {
-                PcmSource{job.pcm, job.base, job.rate}.fillMono(input, job.frames);
+                PcmSource source{job.pcm, job.base, job.rate};
+                if (job.channels == 2) source.fillStereo(inputL, inputR, job.frames);
+                else source.fillMono(inputL, job.frames);
                 done = 0;
                 return true;
             }
@@ -692,7 +741,8 @@ struct GroupLane {
 
     // Renders `count` frames of the job alone, and steps past them.
     void runAlone(int32_t count) {
-        runMonoSegment<filterLow, false>(job, input, done, count);
+        if (job.channels == 2) runSegment<2, filterLow, false>(job, inputL, inputR, done, count);
+        else runSegment<1, filterLow, false>(job, inputL, inputL, done, count);
         stepPast(count);
     }
 
@@ -705,23 +755,40 @@ struct GroupLane {
     }
 
     int32_t left() const { return job.frames - done; }
+    int32_t chains() const { return job.channels == 2 ? 2 : 1; }
+    const float* filteredRight() const { return job.channels == 2 ? inputR : inputL; }
 
     CWavSound::Walk walk;
     ChunkJob job;
     int32_t done = 0;
     bool begun = false, live = false;
-    float input[CWavSound::maxChunkFrames];
+    float inputL[CWavSound::maxChunkFrames];
+    float inputR[CWavSound::maxChunkFrames];
 };
 
-template <int32_t Voices>
-void filterLanes(GroupLane* const* lanes, int32_t count) {
-    ChunkJob* jobs[Voices];
-    float* io[Voices];
-    for (int32_t k = 0; k < Voices; ++k) {
-        jobs[k] = &lanes[k]->job;
-        io[k] = lanes[k]->input + lanes[k]->done;
+// The filters of the live lanes for `count` frames, four at a time: more would leave their states no
+// room in the registers.
+void filterLanes(GroupLane* const* lanes, int32_t laneCount, int32_t count) {
+    FilterChain chains[2 * CWavSound::maxGroup];
+    int32_t chainCount = 0;
+    for (int32_t k = 0; k < laneCount; ++k) {
+        GroupLane& lane = *lanes[k];
+        ChunkJob& job = lane.job;
+        const float f = job.ramps.filterF, damping = job.ramps.damping;
+        chains[chainCount++] = {&job.left, lane.inputL + lane.done, f, damping};
+        if (job.channels == 2) chains[chainCount++] = {&job.right, lane.inputR + lane.done, f, damping};
     }
-    filterGroup<Voices>(jobs, io, count);
+    for (int32_t first = 0; first < chainCount; first += 4) {
+        const FilterChain* batch = chains + first;
+        switch (std::min(chainCount - first, 4)) {
+        case 1: filterChains<1>(batch, count); break;
+        case 2: filterChains<2>(batch, count); break;
+        case 3: filterChains<3>(batch, count); break;
+        default: filterChains<4>(batch, count); break;
+        }
+    }
+    for (int32_t k = 0; k < laneCount; ++k)
+        if (lanes[k]->job.channels != 2) lanes[k]->job.right = lanes[k]->job.left;
 }
 
 }  // namespace
@@ -737,25 +804,24 @@ void CWavSound::processGroup(float* outL, float* outR, SamplerVoice* const* voic
         lane.live = lane.begun && lane.advance();
         if (lane.live) live[liveCount++] = &lane;
     }
-    const auto dropEnded = [&] {
+    const auto liveChains = [&] {
         liveCount = static_cast<int32_t>(std::remove_if(live, live + liveCount, [](const GroupLane* l) { return !l->live; }) - live);
+        int32_t chains = 0;
+        for (int32_t k = 0; k < liveCount; ++k) chains += live[k]->chains();
+        return chains;
     };
-    while (liveCount >= 2) {
+    // A lone mono voice renders faster on its own, its gains worked out in its filter's shadow.
+    while (liveChains() >= 2) {
         int32_t shared = live[0]->left();
         for (int32_t k = 1; k < liveCount; ++k) shared = std::min(shared, live[k]->left());
-        switch (liveCount) {
-        case 2: filterLanes<2>(live, shared); break;
-        case 3: filterLanes<3>(live, shared); break;
-        default: filterLanes<4>(live, shared); break;
-        }
+        filterLanes(live, liveCount, shared);
         for (int32_t k = 0; k < liveCount; ++k) {
             GroupLane& lane = *live[k];
             ChunkJob& job = lane.job;
-            addWithGains(job.ramps, lane.input, lane.input, job.outL, job.outR, lane.done, lane.done + shared,
+            addWithGains(job.ramps, lane.inputL, lane.filteredRight(), job.outL, job.outR, lane.done, lane.done + shared,
                          job.peakLeft, job.peakRight);
             lane.stepPast(shared);
         }
-        dropEnded();
     }
     for (GroupLane& lane : lanes) {
         while (lane.live) lane.runAlone(lane.left());

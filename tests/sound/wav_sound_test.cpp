@@ -139,7 +139,9 @@ TEST(WavSound, VoicesRenderedInGroupsSoundAsEachAlone) {
     // make the sum of what each makes alone.
     TempFolder dir;
     const std::string path = dir.file("noise.wav");
+    const std::string stereoPath = dir.file("stereo.wav");
     ASSERT_EQ(std::system(("sox -n -r 44100 -b 16 -c 1 '" + path + "' synth 0.2 pinknoise vol 0.5 2>/dev/null").c_str()), 0);
+    ASSERT_EQ(std::system(("sox -n -r 44100 -b 16 -c 2 '" + stereoPath + "' synth 0.25 pinknoise vol 0.5 2>/dev/null").c_str()), 0);
     const std::vector<std::pair<int64_t, uint32_t>> notes[] = {
         {{0, noteOn(60)}}, {{700, noteOn(64)}, {5000, noteOff(64)}}, {{1500, noteOn(67)}}, {{2222, noteOn(48, 40)}}};
     constexpr int64_t frames = 14000;
@@ -147,14 +149,17 @@ TEST(WavSound, VoicesRenderedInGroupsSoundAsEachAlone) {
         Rig rig(512);
         CWavSound& sound = useClip(rig, path, 0, 0.6f);
         sound.envelope[0].releaseTime = 0.05f;
-        // A second sound on the same clip, filtered differently, groups its voices with the first's.
+        // A second sound, stereo and filtered differently, groups its voices with the first's.
+        auto* stereo = new CSampleClip();
+        EXPECT_TRUE(stereo->open(stereoPath.c_str())) << stereo->error.c_str();
+        rig.sampler->samplePool.add(stereo);
         auto* darker = new CWavSound();
         darker->pool = sound.pool;
         darker->setBlockSize(rig.block);
         darker->setSampleRate(rig.engine.sampleRate);
         darker->cutoff = 0.3f;
         darker->q = 0.5f;
-        darker->setSample(sound.sample[0]);
+        darker->setSample(stereo);
         rig.prog().layers.getAt(0)->addSound(darker);
         rig.render(frames, events);
         return std::pair{rig.left, rig.right};

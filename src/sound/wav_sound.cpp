@@ -306,7 +306,7 @@ Lanes larger(Lanes peak, Lanes y) {
 
 // Adds the tapped filter outputs of frames [from, to) of a chunk times the ramped gains into the outputs
 // and raises the peaks to what it added, four frames at a time. Both sides may read the same taps.
-void addWithGains(const Ramps& ramps, const float* tappedL, const float* tappedR, float* outL, float* outR,
+void addWithGains(const Ramps ramps, const float* tappedL, const float* tappedR, float* outL, float* outR,
                   int32_t from, int32_t to, float& peakL, float& peakR) {
     const auto first = static_cast<float>(from);
     Lanes fi = {first, first + 1.0f, first + 2.0f, first + 3.0f};
@@ -727,9 +727,8 @@ struct GroupLane {
     bool advance() {
         while (walk.next(job)) {
             if (groupable(job)) {
-                PcmSource source{job.pcm, job.base, job.rate};
-                if (job.channels == 2) source.fillStereo(inputL, inputR, job.frames);
-                else source.fillMono(inputL, job.frames);
+                if (job.channels == 2) fillStereoInput();
+                else PcmSource{job.pcm, job.base, job.rate}.fillMono(inputL, job.frames);
                 done = 0;
                 return true;
             }
@@ -738,6 +737,9 @@ struct GroupLane {
         }
         return false;
     }
+
+    // Kept out of line: stereo jobs are rare in a General MIDI render, whose voices come through here.
+    [[gnu::noinline]] void fillStereoInput() { PcmSource{job.pcm, job.base, job.rate}.fillStereo(inputL, inputR, job.frames); }
 
     // Renders `count` frames of the job alone, and steps past them.
     void runAlone(int32_t count) {

@@ -157,18 +157,9 @@ struct PcmSource {
         if (wideLanes()) i = fillMonoWide(out, frames);
         for (; i + 4 <= frames; i += 4) {
             float t[4];
-            __m128i around[4];
-            for (int32_t k = 0; k < 4; ++k)
-                around[k] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(data + (walk.advance(t[k]) - 1) * 2));
-            const __m128i pairs01 = _mm_unpacklo_epi16(around[0], around[1]);
-            const __m128i pairs23 = _mm_unpacklo_epi16(around[2], around[3]);
-            const __m128i before = _mm_unpacklo_epi32(pairs01, pairs23);  // frames n - 1, then n, of the four
-            const __m128i after = _mm_unpackhi_epi32(pairs01, pairs23);   // frames n + 1, then n + 2
-            const auto widen = [](__m128i x) { return reinterpret_cast<Lanes>(_mm_cvtepi32_ps(_mm_srai_epi32(x, 16))); };
-            const Lanes y = cubicPoint(widen(_mm_unpacklo_epi16(before, before)), widen(_mm_unpackhi_epi16(before, before)),
-                                       widen(_mm_unpacklo_epi16(after, after)), widen(_mm_unpackhi_epi16(after, after)),
-                                       Lanes{t[0], t[1], t[2], t[3]});
-            storeLanes(out + i, y * scale);
+            __m128i before, after;
+            aroundFour(before, after, t);
+            storeLanes(out + i, scaledCubic(before, after, Lanes{t[0], t[1], t[2], t[3]}));
         }
 #endif
         for (float right = 0.0f; i < frames; ++i) next<1>(out[i], right);
@@ -185,15 +176,9 @@ struct PcmSource {
             for (int32_t k = 0; k < 4; ++k)
                 around[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + (walk.advance(t[k]) - 1) * 4));
             const auto pair = [](__m128i a, __m128i b, float ta, float tb) {
-                const __m128i before = _mm_unpacklo_epi32(a, b);  // frames n - 1, then n, of both positions
-                const __m128i after = _mm_unpackhi_epi32(a, b);   // frames n + 1, then n + 2
-                const auto widen = [](__m128i x) { return _mm_cvtepi32_ps(_mm_srai_epi32(x, 16)); };
-                const Lanes y = cubicPoint(reinterpret_cast<Lanes>(widen(_mm_unpacklo_epi16(before, before))),
-                                           reinterpret_cast<Lanes>(widen(_mm_unpackhi_epi16(before, before))),
-                                           reinterpret_cast<Lanes>(widen(_mm_unpacklo_epi16(after, after))),
-                                           reinterpret_cast<Lanes>(widen(_mm_unpackhi_epi16(after, after))),
-                                           Lanes{ta, ta, tb, tb});
-                return reinterpret_cast<__m128>(y * scale);
+                // Frames n - 1, then n, of both positions, and n + 1, then n + 2.
+                return reinterpret_cast<__m128>(
+                    scaledCubic(_mm_unpacklo_epi32(a, b), _mm_unpackhi_epi32(a, b), Lanes{ta, ta, tb, tb}));
             };
             const __m128 first = pair(around[0], around[1], t[0], t[1]);   // left, right, left, right
             const __m128 second = pair(around[2], around[3], t[2], t[3]);
@@ -210,22 +195,40 @@ struct PcmSource {
 
 private:
 #if defined(__SSE2__)
+    // The four frames around each of the next four positions of a mono clip, turned: `before` holds
+    // frame n - 1 of each position, then frame n, and `after` frames n + 1 and n + 2. `t` takes how far
+    // past frame n each position lies.
+    void aroundFour(__m128i& before, __m128i& after, float* t) {
+        __m128i around[4];
+        for (int32_t k = 0; k < 4; ++k)
+            around[k] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(data + (walk.advance(t[k]) - 1) * 2));
+        const __m128i pairs01 = _mm_unpacklo_epi16(around[0], around[1]);
+        const __m128i pairs23 = _mm_unpacklo_epi16(around[2], around[3]);
+        before = _mm_unpacklo_epi32(pairs01, pairs23);
+        after = _mm_unpackhi_epi32(pairs01, pairs23);
+    }
+
+    // The cubic of four lanes, scaled, from 16-bit frames: `before` holds frame n - 1 of each lane, then
+    // frame n, and `after` frames n + 1 and n + 2.
+    static Lanes scaledCubic(__m128i before, __m128i after, Lanes t) {
+        const auto widen = [](__m128i x) { return reinterpret_cast<Lanes>(_mm_cvtepi32_ps(_mm_srai_epi32(x, 16))); };
+        return cubicPoint(widen(_mm_unpacklo_epi16(before, before)), widen(_mm_unpackhi_epi16(before, before)),
+                          widen(_mm_unpacklo_epi16(after, after)), widen(_mm_unpackhi_epi16(after, after)), t) *
+               scale;
+    }
+
     // Eight positions at a time, for processors with 256-bit lanes; returns how many it filled. It does
     // without fused multiply-adds, so that its bits are those of the four-lane loop.
     __attribute__((target("avx2"))) int32_t fillMonoWide(float* out, int32_t frames) {
         int32_t i = 0;
         for (; i + 8 <= frames; i += 8) {
             float t[8];
-            __m128i around[8];
-            for (int32_t k = 0; k < 8; ++k)
-                around[k] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(data + (walk.advance(t[k]) - 1) * 2));
-            const __m128i pairs01 = _mm_unpacklo_epi16(around[0], around[1]);
-            const __m128i pairs23 = _mm_unpacklo_epi16(around[2], around[3]);
-            const __m128i pairs45 = _mm_unpacklo_epi16(around[4], around[5]);
-            const __m128i pairs67 = _mm_unpacklo_epi16(around[6], around[7]);
-            // Frames n - 1, then n, of the first four positions, and beside them those of the last four.
-            const __m256i before = _mm256_set_m128i(_mm_unpacklo_epi32(pairs45, pairs67), _mm_unpacklo_epi32(pairs01, pairs23));
-            const __m256i after = _mm256_set_m128i(_mm_unpackhi_epi32(pairs45, pairs67), _mm_unpackhi_epi32(pairs01, pairs23));
+            __m128i beforeFirst, afterFirst, beforeLast, afterLast;
+            aroundFour(beforeFirst, afterFirst, t);
+            aroundFour(beforeLast, afterLast, t + 4);
+            // The frames of the first four positions, and beside them those of the last four.
+            const __m256i before = _mm256_set_m128i(beforeLast, beforeFirst);
+            const __m256i after = _mm256_set_m128i(afterLast, afterFirst);
             WideLanes at;
             std::memcpy(&at, t, sizeof at);
             const WideLanes y =

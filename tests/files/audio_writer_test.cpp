@@ -1,55 +1,34 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <random>
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "core/temp_folder.h"
 #include "files/audio_writer.h"
 
 namespace {
 
-using files::SampleFormat;
 using files::AudioFormat;
 using files::AudioWriter;
+using files::SampleFormat;
 
-std::vector<uint8_t> readBytes(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+std::vector<uint8_t> bytesOf(const std::string& path) {
+    const std::string text = readBytes(path);
+    return {text.begin(), text.end()};
 }
-
-// Runs a shell command and returns its standard output; the test fails when the command does. sox warns
-// on standard error that a float file's format chunk has no extension; the 16-byte chunk is what we write.
-std::string run(const std::string& command, const std::filesystem::path& output) {
-    auto errors = output;
-    errors += ".err";
-    const int status = std::system((command + " > '" + output.string() + "' 2> '" + errors.string() + "'").c_str());
-    const auto bytes = readBytes(output);
-    const auto errorBytes = readBytes(errors);
-    EXPECT_EQ(status, 0) << command << "\n" << std::string(errorBytes.begin(), errorBytes.end());
-    return {bytes.begin(), bytes.end()};
-}
-
-class WavFile : public ::testing::Test {
-protected:
-    void SetUp() override {
-        dir = std::filesystem::temp_directory_path() /
-              ("vantrell_wav_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + "_" +
-               std::to_string(std::random_device{}()));  // several builds may run the suite at once
-        std::filesystem::remove_all(dir);
-        std::filesystem::create_directories(dir);
-    }
-    void TearDown() override { std::filesystem::remove_all(dir); }
-    std::filesystem::path dir;
-};
 
 uint32_t le32(const std::vector<uint8_t>& b, size_t at) {
     return b[at] | b[at + 1] << 8 | b[at + 2] << 16 | static_cast<uint32_t>(b[at + 3]) << 24;
+}
+
+// The standard output of a shell command; the test fails when the command does.
+std::string run(const TempFolder& dir, const std::string& command) {
+    const std::string output = dir.file("output.txt");
+    EXPECT_EQ(std::system((command + " > '" + output + "' 2>/dev/null").c_str()), 0) << command;
+    return readBytes(output);
 }
 
 TEST(WavHeader, StereoSixteenBitLayout) {
@@ -81,14 +60,11 @@ TEST(WavHeader, FormatTagRatesAndAlignFollowTheSampleFormat) {
     for (const Row& row : rows) {
         const auto a = files::wavHeader(row.format, row.frames);
         const std::vector<uint8_t> h(a.begin(), a.end());
+        const auto le16 = [&](size_t at) { return h[at] | h[at + 1] << 8; };
         EXPECT_EQ(le32(h, 4), row.dataBytes + 36);
-        EXPECT_EQ(h[20] | h[21] << 8, row.tag);
-        EXPECT_EQ(h[22] | h[23] << 8, row.format.channels);
-        EXPECT_EQ(le32(h, 24), static_cast<uint32_t>(row.format.rate));
-        EXPECT_EQ(le32(h, 28), row.byteRate);
-        EXPECT_EQ(h[32] | h[33] << 8, row.align);
-        EXPECT_EQ(h[34] | h[35] << 8, row.bits);
-        EXPECT_EQ(le32(h, 40), row.dataBytes);
+        EXPECT_EQ(std::make_tuple(le16(20), le16(22), le32(h, 24), le32(h, 28), le16(32), le16(34), le32(h, 40)),
+                  std::make_tuple(row.tag, row.format.channels, static_cast<uint32_t>(row.format.rate), row.byteRate,
+                                  row.align, row.bits, row.dataBytes));
     }
 }
 
@@ -129,129 +105,94 @@ TEST(WavConversion, ClipScaleAndRoundHalfAwayFromZero) {
     }
 }
 
-TEST_F(WavFile, WrittenBytesFollowTheHeader) {
-    const auto path = dir / "t.wav";
-    AudioWriter writer(path, {8000, 2, SampleFormat::int24});
+TEST(WavFile, WrittenFramesFollowTheHeaderAndOneChannelTakesTheMean) {
+    TempFolder dir;
+    AudioWriter stereo(dir.file("t.wav"), {8000, 2, SampleFormat::int24});
     const float left[] = {0.5f, -1.0f}, right[] = {2.0f, -0.25f};
-    writer.write(left, right, 2);
-    writer.commit();
-    const auto b = readBytes(path);
+    stereo.write(left, right, 2);
+    stereo.commit();
+    const auto b = bytesOf(dir.file("t.wav"));
     ASSERT_EQ(b.size(), 44u + 12u);
     EXPECT_EQ(le32(b, 40), 12u);
     const std::vector<uint8_t> frames(b.begin() + 44, b.end());
-    const std::vector<uint8_t> expected = {0x00, 0x00, 0x40, 0xFF, 0xFF, 0x7F, 0x01, 0x00, 0x80, 0x00, 0x00, 0xE0};
-    EXPECT_EQ(frames, expected);
-}
+    EXPECT_EQ(frames, (std::vector<uint8_t>{0x00, 0x00, 0x40, 0xFF, 0xFF, 0x7F, 0x01, 0x00, 0x80, 0x00, 0x00, 0xE0}));
 
-TEST_F(WavFile, OneChannelTakesTheMeanAndFloatKeepsTheBits) {
-    const auto path = dir / "m.wav";
-    AudioWriter writer(path, {8000, 1, SampleFormat::float32});
-    const float left[] = {0.75f, 3.0f}, right[] = {0.25f, 1.0f};
-    writer.write(left, right, 2);
-    writer.commit();
-    const auto b = readBytes(path);
-    ASSERT_EQ(b.size(), 44u + 8u);
+    AudioWriter mono(dir.file("m.wav"), {8000, 1, SampleFormat::float32});
+    const float monoLeft[] = {0.75f, 3.0f}, monoRight[] = {0.25f, 1.0f};
+    mono.write(monoLeft, monoRight, 2);
+    mono.commit();
+    const auto m = bytesOf(dir.file("m.wav"));
+    ASSERT_EQ(m.size(), 44u + 8u);
     float values[2];
-    std::memcpy(values, b.data() + 44, 8);
+    std::memcpy(values, m.data() + 44, 8);
     EXPECT_EQ(values[0], 0.5f);
     EXPECT_EQ(values[1], 2.0f) << "float samples are not clipped";
 }
 
-TEST_F(WavFile, AbandonedWriteLeavesTheOldFile) {
-    const auto path = dir / "keep.wav";
-    std::ofstream(path) << "what the user had";
+TEST(WavFile, TheOldFileStaysUntilCommit) {
+    TempFolder dir;
+    const std::string path = dir.file("keep.wav");
+    writeBytes(path, "what the user had");
+    const float one[4] = {0.25f};
     {
-        AudioWriter writer(path, {44100, 2, SampleFormat::int16});
-        const float zero[4] = {};
-        writer.write(zero, zero, 4);
+        AudioWriter abandoned(path, {44100, 2, SampleFormat::int16});
+        abandoned.write(one, one, 4);
     }
-    const auto b = readBytes(path);
-    EXPECT_EQ(std::string(b.begin(), b.end()), "what the user had");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), std::filesystem::directory_iterator()), 1)
-        << "the temporary file is removed";
-}
-
-TEST_F(WavFile, CommitReplacesTheOldFile) {
-    const auto path = dir / "replace.wav";
-    std::ofstream(path) << "old";
+    EXPECT_EQ(readBytes(path), "what the user had");
+    EXPECT_EQ(dir.entries(), 1u) << "the temporary file is removed";
     AudioWriter writer(path, {44100, 2, SampleFormat::int16});
-    const float one[1] = {0.25f};
     writer.write(one, one, 1);
     writer.commit();
     EXPECT_EQ(readBytes(path).size(), 48u);
-}
-
-TEST_F(WavFile, UnwritablePathThrows) {
-    EXPECT_THROW(AudioWriter(dir / "missing" / "x.wav", {44100, 2, SampleFormat::int16}), files::FileError);
+    EXPECT_THROW(AudioWriter(dir.file("missing/x.wav"), {44100, 2, SampleFormat::int16}), files::FileError);
 }
 
 // sox reads the files back with the rate, channel count, length and values written.
-TEST_F(WavFile, SoxReadsEveryFormat) {
+TEST(WavFile, SoxReadsEveryFormat) {
     struct Row {
         SampleFormat sample;
         int32_t channels;
-        const char* rawType;  // how sox writes raw samples back
         files::FileType type = files::FileType::wav;
     };
     const Row rows[] = {
-        {SampleFormat::int16, 2, "-e signed -b 16"},
-        {SampleFormat::int24, 1, "-e signed -b 24"},
-        {SampleFormat::float32, 2, "-e float -b 32"},
-        {SampleFormat::int16, 1, "-e signed -b 16", files::FileType::aiff},
-        {SampleFormat::int24, 2, "-e signed -b 24", files::FileType::aiff},
-        {SampleFormat::int32, 2, "-e signed -b 32", files::FileType::aiff},
+        {SampleFormat::int16, 2},
+        {SampleFormat::int24, 1},
+        {SampleFormat::float32, 2},
+        {SampleFormat::int16, 1, files::FileType::aiff},
+        {SampleFormat::int24, 2, files::FileType::aiff},
+        {SampleFormat::int32, 2, files::FileType::aiff},
     };
     constexpr int32_t frames = 1000;
     std::vector<float> left(frames), right(frames);
-    for (int32_t i = 0; i < frames; ++i) {
-        left[static_cast<size_t>(i)] = static_cast<float>(0.9 * std::sin(i * 0.05));
-        right[static_cast<size_t>(i)] = static_cast<float>(0.4 * std::cos(i * 0.021));
+    for (size_t i = 0; i < frames; ++i) {
+        left[i] = static_cast<float>(0.9 * std::sin(static_cast<double>(i) * 0.05));
+        right[i] = static_cast<float>(0.4 * std::cos(static_cast<double>(i) * 0.021));
     }
-    int index = 0;
+    TempFolder dir;
     for (const Row& row : rows) {
-        const auto path = dir / ("s" + std::to_string(index++) + (row.type == files::FileType::aiff ? ".aiff" : ".wav"));
+        const std::string path = dir.file(row.type == files::FileType::aiff ? "s.aiff" : "s.wav");
+        SCOPED_TRACE(path + ", " + std::to_string(files::bitsOf(row.sample)) + " bits");
         AudioWriter writer(path, {32000, row.channels, row.sample, row.type});
         writer.write(left.data(), right.data(), frames);
         writer.commit();
-        const auto info = dir / "info.txt";
-        EXPECT_EQ(run("sox --i -r '" + path.string() + "'", info), "32000\n");
-        EXPECT_EQ(run("sox --i -c '" + path.string() + "'", info), std::to_string(row.channels) + "\n");
-        EXPECT_EQ(run("sox --i -s '" + path.string() + "'", info), std::to_string(frames) + "\n");
-        const auto raw = dir / "raw.bin";
-        run("sox '" + path.string() + "' -t raw " + row.rawType + " -L '" + raw.string() + "'", info);
-        const auto bytes = readBytes(raw);
-        ASSERT_EQ(bytes.size(), static_cast<size_t>(frames * row.channels * files::bitsOf(row.sample) / 8));
-        const auto* data = bytes.data();
-        for (int32_t i = 0; i < frames; ++i) {
+        EXPECT_EQ(run(dir, "sox --i -r '" + path + "'"), "32000\n");
+        EXPECT_EQ(run(dir, "sox --i -c '" + path + "'"), std::to_string(row.channels) + "\n");
+        EXPECT_EQ(run(dir, "sox --i -s '" + path + "'"), std::to_string(frames) + "\n");
+        // sox hands every format back as 32-bit integers: the narrower ones shifted up, floats scaled.
+        const std::string raw = dir.file("raw.s32");
+        run(dir, "sox '" + path + "' -t s32 -L '" + raw + "'");
+        const auto bytes = bytesOf(raw);
+        ASSERT_EQ(bytes.size(), static_cast<size_t>(frames * row.channels * 4));
+        for (size_t i = 0; i < frames; ++i) {
             for (int32_t c = 0; c < row.channels; ++c) {
-                const float x = row.channels == 1 ? 0.5f * (left[static_cast<size_t>(i)] + right[static_cast<size_t>(i)])
-                                                  : (c == 0 ? left : right)[static_cast<size_t>(i)];
+                const float x = row.channels == 1 ? 0.5f * (left[i] + right[i]) : (c == 0 ? left : right)[i];
+                int32_t v = 0;
+                std::memcpy(&v, bytes.data() + (i * row.channels + c) * 4, 4);
                 switch (row.sample) {
-                case SampleFormat::int16:
-                    ASSERT_EQ(static_cast<int16_t>(data[0] | data[1] << 8), files::toInt16(x));
-                    data += 2;
-                    break;
-                case SampleFormat::int24: {
-                    int32_t v = data[0] | data[1] << 8 | data[2] << 16;
-                    if (v & 0x800000) v -= 0x1000000;
-                    ASSERT_EQ(v, files::toInt24(x));
-                    data += 3;
-                    break;
-                }
-                case SampleFormat::int32: {
-                    int32_t v = 0;
-                    std::memcpy(&v, data, 4);
-                    ASSERT_EQ(v, files::toInt32(x));
-                    data += 4;
-                    break;
-                }
-                case SampleFormat::float32: {
-                    float v = 0.0f;
-                    std::memcpy(&v, data, 4);
-                    ASSERT_NEAR(v, x, 1e-6) << "sox passes samples through 32-bit integers";
-                    data += 4;
-                    break;
-                }
+                case SampleFormat::int16: ASSERT_EQ(v, files::toInt16(x) * 65536) << i; break;
+                case SampleFormat::int24: ASSERT_EQ(v, files::toInt24(x) * 256) << i; break;
+                case SampleFormat::int32: ASSERT_EQ(v, files::toInt32(x)) << i; break;
+                case SampleFormat::float32: ASSERT_NEAR(v / 2147483648.0, x, 1e-6) << i; break;
                 }
             }
         }

@@ -4,11 +4,11 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <random>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "core/temp_folder.h"
 #include "engine/engine.h"
 #include "engine/undo.h"
 #include "files/midi.h"
@@ -91,19 +91,15 @@ Bytes file(std::initializer_list<Bytes> pieces) {
     return out;
 }
 
-// Independent of the importer: note-ons of one file, per track chunk, with the start of the matching
+// Independent of the importer: note-ons of one file, per track chunk, with the length to the matching
 // note-off, as read by a plain walk that keeps absolute file ticks.
 std::vector<std::vector<Note>> scanNotes(const Bytes& b, int32_t scale) {
     std::vector<std::vector<Note>> tracks;
-    size_t pos = 14;
-    while (pos + 8 <= b.size()) {
-        const size_t end = pos + 8 + ((size_t{b[pos + 4]} << 24) | (size_t{b[pos + 5]} << 16) | (size_t{b[pos + 6]} << 8) | b[pos + 7]);
+    for (size_t pos = 14; pos + 8 <= b.size();) {
+        const size_t end =
+            pos + 8 + (size_t{b[pos + 4]} << 24 | size_t{b[pos + 5]} << 16 | size_t{b[pos + 6]} << 8 | b[pos + 7]);
         const bool isTrack = std::equal(b.begin() + static_cast<long>(pos), b.begin() + static_cast<long>(pos) + 4, "MTrk");
         pos += 8;
-        if (!isTrack) {
-            pos = end;
-            continue;
-        }
         std::vector<Note> notes;
         std::map<uint32_t, std::vector<size_t>> open;
         const auto number = [&] {
@@ -113,30 +109,23 @@ std::vector<std::vector<Note>> scanNotes(const Bytes& b, int32_t scale) {
         };
         int64_t tick = 0;
         uint8_t status = 0;
-        while (pos < end) {
+        while (isTrack && pos < end) {
             tick += number();
-            if (b[pos] == 0xFF) {
-                pos += 2;
-                const uint32_t n = number();
-                pos += n;
-                continue;
-            }
-            if (b[pos] == 0xF0 || b[pos] == 0xF7) {
-                ++pos;
+            if (b[pos] >= 0xF0) {  // meta events (with their type byte) and SysEx: a length and data
+                pos += b[pos] == 0xFF ? 2 : 1;
                 pos += number();
                 continue;
             }
             if (b[pos] & 0x80) status = b[pos++];
             const uint32_t kind = status & 0xF0u, key = b[pos], velocity = kind == 0xC0 || kind == 0xD0 ? 0 : b[pos + 1];
             pos += kind == 0xC0 || kind == 0xD0 ? 1 : 2;
-            const uint32_t slot = (status & 0xFu) * 128 + key;
+            std::vector<size_t>& waiting = open[(status & 0xFu) * 128 + key];
             if (kind == 0x90 && velocity > 0) {
-                open[slot].push_back(notes.size());
+                waiting.push_back(notes.size());
                 notes.push_back({tick * scale, status & 0xFu, key, velocity, -1});
-            } else if ((kind == 0x80 || kind == 0x90) && !open[slot].empty()) {
-                Note& note = notes[open[slot].front()];
-                note.duration = static_cast<int32_t>(tick * scale - note.tick);
-                open[slot].erase(open[slot].begin());
+            } else if ((kind == 0x80 || kind == 0x90) && !waiting.empty()) {
+                notes[waiting.front()].duration = static_cast<int32_t>(tick * scale - notes[waiting.front()].tick);
+                waiting.erase(waiting.begin());
             }
         }
         pos = end;
@@ -167,9 +156,7 @@ TEST(MidiImport, RealFilesOfEveryDivisionLandNoteForNote) {
         ASSERT_TRUE(result.isMidi);
         EXPECT_TRUE(result.complete);
         EXPECT_EQ(result.format, format);
-        if (division) {
-            EXPECT_EQ(result.division, division);
-        }
+        if (division) { EXPECT_EQ(result.division, division); }
         divisionsSeen |= 1 << (result.division / 32 % 31);
         auto imported = notesOf(song.prog());
         std::erase_if(imported, [](const std::vector<Note>& notes) { return notes.empty(); });
@@ -181,9 +168,7 @@ TEST(MidiImport, RealFilesOfEveryDivisionLandNoteForNote) {
             for (size_t i = 0; i < expected[t].size(); ++i) ASSERT_EQ(imported[t][i], expected[t][i]) << "track " << t << " note " << i;
         }
         // Format 0 puts all channels on one track, which keeps playing each event's own channel.
-        if (format == 0) {
-            EXPECT_EQ(result.newTracks[0]->channel, -1);
-        }
+        if (format == 0) { EXPECT_EQ(result.newTracks[0]->channel, -1); }
         for (const CPart* part : song.prog().songTracks.getAt(0)->parts) EXPECT_EQ(part->length % 960, 0);
         EXPECT_FALSE(song.prog().tempos.empty());
     }
@@ -228,13 +213,10 @@ TEST(MidiImport, TempoTimeSignatureChannelsAndOpenNotesEnterWithTheUndoStepAndLe
 
     const CSeqProg& prog = song.prog();
     ASSERT_EQ(prog.tempos.count(), 2);
-    EXPECT_EQ(prog.tempos.getAt(0)->start, 0);
-    EXPECT_EQ(prog.tempos.getAt(0)->tempo, 120.0f);
-    EXPECT_EQ(prog.tempos.getAt(1)->start, 960);
-    EXPECT_EQ(prog.tempos.getAt(1)->tempo, 100.0f);
+    EXPECT_EQ(std::tie(prog.tempos.getAt(0)->start, prog.tempos.getAt(0)->tempo), std::make_tuple(0, 120.0f));
+    EXPECT_EQ(std::tie(prog.tempos.getAt(1)->start, prog.tempos.getAt(1)->tempo), std::make_tuple(960, 100.0f));
     ASSERT_EQ(prog.signatures.count(), 1);
-    EXPECT_EQ(prog.signatures.getAt(0)->numerator, 3);
-    EXPECT_EQ(prog.signatures.getAt(0)->denominator, 8);
+    EXPECT_EQ(std::tie(prog.signatures.getAt(0)->numerator, prog.signatures.getAt(0)->denominator), std::make_tuple(3, 8));
 
     const auto notes = notesOf(prog);
     ASSERT_EQ(notes.size(), 2u);
@@ -346,8 +328,8 @@ TEST(MidiExport, ImportOfTheExportGivesTheSameSong) {
     EXPECT_EQ(notesOf(second.prog()), notesOf(first.prog()));
     ASSERT_EQ(second.prog().tempos.count(), first.prog().tempos.count());
     for (int32_t i = 0; i < first.prog().tempos.count(); ++i) {
-        EXPECT_EQ(second.prog().tempos.getAt(i)->start, first.prog().tempos.getAt(i)->start);
-        EXPECT_EQ(second.prog().tempos.getAt(i)->tempo, first.prog().tempos.getAt(i)->tempo);
+        const auto &a = *first.prog().tempos.getAt(i), &b = *second.prog().tempos.getAt(i);
+        EXPECT_EQ(std::tie(b.start, b.tempo), std::tie(a.start, a.tempo)) << "tempo " << i;
     }
     for (int32_t i = 0; i < first.seq->tracks.count(); ++i)
         EXPECT_EQ(second.seq->tracks.getAt(i)->channel, first.seq->tracks.getAt(i)->channel);
@@ -374,13 +356,10 @@ TEST(MidiExport, ImportOfTheExportGivesTheSameSong) {
 
 TEST(MidiExport, FileIsReplacedOnlyWhenWritten) {
     Song song;
-    const auto dir = std::filesystem::temp_directory_path() / ("vantrell_midi_" + std::to_string(std::random_device{}()));
-    std::filesystem::create_directories(dir);
-    const auto path = dir / "song.mid";
-    ASSERT_TRUE(files::exportMIDI(*song.seq, CString(path.c_str())));
-    EXPECT_EQ(readAll(path), files::exportMIDIBytes(*song.seq));
-    EXPECT_FALSE(files::exportMIDI(*song.seq, CString((dir / "missing" / "song.mid").c_str())));
-    std::filesystem::remove_all(dir);
+    TempFolder dir;
+    ASSERT_TRUE(files::exportMIDI(*song.seq, CString(dir.file("song.mid").c_str())));
+    EXPECT_EQ(readAll(dir.file("song.mid")), files::exportMIDIBytes(*song.seq));
+    EXPECT_FALSE(files::exportMIDI(*song.seq, CString(dir.file("missing/song.mid").c_str())));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <tuple>
 
 #include "sound_rig.h"
 
@@ -66,24 +67,17 @@ double shape(double t, double curve) {
 // The envelope value at a sample for a note held from 0 until offAt.
 double envelopeAt(const CEnv& env, double n, double offAt) {
     const double a = samples(env.attack, env.timeScale), d = samples(env.decay, env.timeScale);
-    auto held = [&](double at, double& curve) {
-        curve = env.ac;
-        if (at < a) return shape(at / a, env.ac);
-        curve = d > 0 ? 0.0 : env.dc;
-        if (at < a + d) {
-            curve = env.dc;
-            return 1.0 + (env.sustain - 1.0) * shape((at - a) / d, env.dc);
-        }
-        curve = 0.0;
-        return static_cast<double>(env.sustain);
+    // The level while held, and the curve of the segment it is in, which a release takes over.
+    auto held = [&](double at) -> std::pair<double, double> {
+        if (at < a) return {shape(at / a, env.ac), env.ac};
+        if (at < a + d) return {1.0 + (env.sustain - 1.0) * shape((at - a) / d, env.dc), env.dc};
+        return {env.sustain, 0.0};
     };
-    double curve = 0.0;
-    if (n < offAt) return held(n, curve);
-    const double from = held(offAt, curve);
+    if (n < offAt) return held(n).first;
+    const auto [from, curve] = held(offAt);
     if (env.releaseTime == 1.0f && env.id != 0) return from;
     const double r = samples(env.releaseTime, env.timeScale);
-    if (n >= offAt + r) return 0.0;
-    return from - from * shape((n - offAt) / r, curve);
+    return n >= offAt + r ? 0.0 : from - from * shape((n - offAt) / r, curve);
 }
 
 // Every rendered sample must lie within what the expected curve takes one chunk before and after it.
@@ -119,13 +113,8 @@ TEST(Envelopes, SegmentTimesAndCurvesMatchTheFormulas) {
     for (const Row& row : rows) {
         Rig rig;
         CEnv& env = dcSound(rig).envelope[0];
-        env.attack = row.attack;
-        env.decay = row.decay;
-        env.sustain = row.sustain;
-        env.releaseTime = row.release;
-        env.ac = row.ac;
-        env.dc = row.dc;
-        env.timeScale = row.timeScale;
+        std::tie(env.attack, env.decay, env.sustain, env.releaseTime, env.ac, env.dc, env.timeScale) =
+            std::tie(row.attack, row.decay, row.sustain, row.release, row.ac, row.dc, row.timeScale);
         const int64_t offAt = row.offAt >= 0 ? row.offAt
                                              : samples(row.attack, row.timeScale) + samples(row.decay, row.timeScale) + 4800;
         const int64_t releaseEnd = offAt + samples(row.release, row.timeScale);
@@ -213,10 +202,7 @@ TEST(LFOs, RatesMeasuredFromTheOutputMatchTheFormula) {
         Rig rig;
         rig.engine.bpmTarget.store(row.bpm);
         CLFO& lfo = pulseOnVolume(rig);
-        lfo.rate = row.rateHz;
-        lfo.sync = row.sync;
-        lfo.mul = row.mul;
-        lfo.div = row.div;
+        std::tie(lfo.rate, lfo.sync, lfo.mul, lfo.div) = std::tie(row.rateHz, row.sync, row.mul, row.div);
         const double period = rate / row.hz;
         rig.render(static_cast<int64_t>(period * 4.5), dcNote());
 
@@ -266,10 +252,9 @@ TEST(LFOs, ADelayHoldsTheCentreThenStartsFromThePhaseAtNoteOn) {
 TEST(LFOs, RandomWaveStepsOncePerCycleWithTheSeededSequence) {
     Rig rig;
     rig.sampler->random.seed(1234);
-    CLFO& lfo = dcSound(rig).lfo[0];
+    CLFO& lfo = pulseOnVolume(rig);
     lfo.wave = waveRandom;
     lfo.rate = 10.0f;
-    lfo.params[0] = {1, targetVolume, 1.0f};
     const int32_t period = 4800;
     rig.render(period * 6, dcNote());
     CSoundRandom expected(1234);
@@ -317,8 +302,7 @@ TEST(Routing, PanAddsVolumeAndCutoffScale) {
     };
     for (const Row& row : rows) {
         Rig rig;
-        CLFO& lfo = dcSound(rig).lfo[0];
-        lfo.wave = wavePulse;
+        CLFO& lfo = pulseOnVolume(rig);
         lfo.rate = 1.0f;
         lfo.params[0] = {1, row.target, row.amount};
         rig.render(48000, dcNote());
@@ -327,16 +311,13 @@ TEST(Routing, PanAddsVolumeAndCutoffScale) {
     }
 }
 
-TEST(Velocity, RoutesTheNoteOnVelocity) {
+TEST(Velocity, RoutesTheNoteOnVelocityWhileChannelPressureChangesNothing) {
     for (int32_t velocity : {127, 64, 10}) {
         Rig rig;
         dcSound(rig).vel.params[0] = {1, targetVolume, 1.0f};
         rig.render(2048, dcNote(-1, velocity));
         EXPECT_NEAR(level(rig, 1000), velocity / 127.0, 1e-3) << velocity;
     }
-}
-
-TEST(ChannelPressure, ChangesNothing) {
     auto render = [](bool pressure) {
         Rig rig;
         rig.plainSound().cp.params[0] = {1, targetVolume, 1.0f};

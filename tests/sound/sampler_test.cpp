@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 
 #include "engine/undo.h"
 #include "fx/delay.h"
@@ -16,15 +17,6 @@ namespace {
 constexpr double rate = 48000.0;
 
 CSound& soundAt(CSynthProg& prog, int32_t layer, int32_t index) { return *prog.layers.getAt(layer)->sounds.getAt(index); }
-
-COSCSound* addSound(Rig& rig, int32_t keyLow, int32_t keyHigh) {
-    auto* sound = new COSCSound();
-    sound->keyLow = keyLow;
-    sound->keyHigh = keyHigh;
-    sound->setBlockSize(rig.block);
-    rig.prog().layers.getAt(0)->addSound(sound);
-    return sound;
-}
 
 // Pitch in semitones (key numbers) from the spacing of upward zero crossings: one value per period,
 // placed at the period's middle.
@@ -79,7 +71,11 @@ TEST(SamplerVoices, ANonZeroGroupTakesOverItsVoiceAtOnce) {
             CSound& a = rig.plainSound();
             a.keyHigh = 63;
             a.group = row.groupA;
-            addSound(rig, 64, 127)->group = row.groupB;
+            auto* b = new COSCSound();
+        b->keyLow = 64;
+        b->group = row.groupB;
+        b->setBlockSize(rig.block);
+        rig.prog().layers.getAt(0)->addSound(b);
             std::vector<std::pair<int64_t, uint32_t>> events;
             if (first) events.emplace_back(0, noteOn(40));
             events.emplace_back(second, noteOn(80));
@@ -108,11 +104,8 @@ TEST(SamplerVoices, MonoGlidesFromTheCurrentPitch) {
 
     // 60 until `up`, a straight line to 72 over the glide, turned back halfway (at 66) towards 60.
     auto expected = [&](double t) {
-        if (t < up) return 60.0;
-        if (t < back) return 60.0 + 12.0 * (t - up) / glide;
-        const double from = 66.0;
-        if (t < back + glide) return from + (60.0 - from) * (t - back) / glide;
-        return 60.0;
+        if (t < up || t >= back + glide) return 60.0;
+        return t < back ? 60.0 + 12.0 * (t - up) / glide : 66.0 - 6.0 * (t - back) / glide;
     };
     int32_t checked = 0;
     for (const auto& [t, pitch] : pitchTrack(rig.left, 2000, rig.left.size())) {
@@ -140,8 +133,7 @@ TEST(SamplerVoices, MonoRetargetDuringReleaseRestartsTheSameVoice) {
 }
 
 TEST(SamplerVoices, AClosingVoiceIsSilentAndNotReused) {
-    // With release 0 the amplitude envelope ends at the note-off; the 10 ms closing interval follows.
-    constexpr int64_t during = 600;
+    constexpr int64_t during = 600;  // inside the 10 ms that follow the note-off at 512
     auto render = [&](bool first) {
         Rig rig(256);
         rig.plainSound().envelope[0].releaseTime = 0.0f;
@@ -167,8 +159,7 @@ TEST(SamplerVoices, AClosingVoiceIsSilentAndNotReused) {
 }
 
 TEST(SamplerVoices, TheClosingIntervalLasts10Milliseconds) {
-    // Release 0: the amplitude envelope ends at the note-off, and 480 samples at 48 kHz follow, counted
-    // by the process calls after the one that ended it.
+    // Release 0: 480 samples follow the note-off, counted by the process calls after the one that ended it.
     constexpr int32_t block = 64;
     Rig rig(block);
     rig.plainSound().envelope[0].releaseTime = 0.0f;
@@ -295,21 +286,8 @@ TEST(SamplerSends, OnlyAnEnabledEffectWithALevelGetsTheSound) {
     }
 }
 
-TEST(SamplerSends, DelaysOfEveryProgramShareTheSamplersMemory) {
-    Rig rig;
-    ASSERT_TRUE(rig.sampler->addDefaultProgram(nullptr));
-    for (CObject* object : rig.sampler->programs) {
-        auto* delay = static_cast<CDelay*>(static_cast<CSynthProg*>(object)->delay());
-        EXPECT_EQ(delay->sharedBuffers, 1);
-        EXPECT_EQ(delay->bufL, rig.sampler->delayL.get());
-        EXPECT_EQ(delay->bufR, rig.sampler->delayR.get());
-    }
-}
-
 TEST(SamplerPrograms, SwitchingLeavesSoundingVoicesAlone) {
     Rig rig;
-    ASSERT_EQ(rig.sampler->mixParams.count(), 8);
-    EXPECT_EQ(rig.sampler->mixParams.getAt(7)->index, 7);
     ASSERT_TRUE(rig.sampler->addDefaultProgram(nullptr));
     EXPECT_EQ(rig.sampler->program, 1);
     rig.sampler->setProgram(0);
@@ -336,6 +314,12 @@ TEST(SamplerPrograms, UndoStepsAddAndDeleteProgramsAndSounds) {
     rig.engine.postUndo(add, true);
     EXPECT_EQ(sampler.programs.count(), 2);
     EXPECT_EQ(sampler.program, 1) << "the added program becomes current";
+    for (CObject* object : sampler.programs) {
+        auto* delay = static_cast<CDelay*>(static_cast<CSynthProg*>(object)->delay());
+        EXPECT_EQ(std::tie(delay->sharedBuffers, delay->bufL, delay->bufR),
+                  std::make_tuple(1, sampler.delayL.get(), sampler.delayR.get()))
+            << "the delays of every program share the sampler's memory";
+    }
 
     rig.render(1024, {{0, noteOn(60)}, {0, noteOn(64)}});
     EXPECT_EQ(sampler.soundingVoices(), 2);
@@ -391,9 +375,8 @@ TEST(SamplerRealTime, SixtyFourVoicesRenderWithoutAllocating) {
     rig.cycle(all);
     ASSERT_EQ(rig.sampler->soundingVoices(), CSampler::voiceCount);
 
-    // Every cycle: wheel and a mapped controller. Every eighth cycle eight keys are let go, and taken again
-    // four cycles later, once their voices have released and closed; in between, while those voices are
-    // still releasing, a further note finds no voice.
+    // Wheel and a mapped controller every cycle; every eighth cycle eight keys are let go and taken again
+    // four cycles later, and a note in between finds no voice.
     int32_t fewest = CSampler::voiceCount;
     int64_t allocations = 0;
     {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +13,7 @@
 #include "files/midi.h"
 #include "files/project.h"
 #include "seq/seq.h"
+#include "support/engine_graph.h"
 
 namespace {
 
@@ -66,18 +68,14 @@ TEST_F(ProjectCli, AMIDIFileBecomesAProjectWithATrackForEachOfItsTracks) {
     ASSERT_EQ(cli("import '" + midiExample.string() + "' -o song.qv"), 0) << errors;
 
     CQV imported(EngineOptions{false, 1});
-    auto* seq = new CSeq(&imported);
-    seq->createPorts();
-    imported.addComp(seq);
-    const files::MidiImport direct = files::importMIDI(*seq, nullptr, midiExample.c_str(), nullptr, 0);
-    ASSERT_FALSE(direct.newTracks.empty());
+    auto* seq = testgraph::add<CSeq>(imported);
+    ASSERT_FALSE(files::importMIDI(*seq, nullptr, midiExample.c_str(), nullptr, 0).newTracks.empty());
 
     CQV opened(EngineOptions{false, 1});
     ASSERT_TRUE(files::openProject(opened, (dir / "song.qv").c_str()));
-    const CSeq* loaded = nullptr;
-    for (CComp* comp : opened.comps)
-        if (comp->isSequencer()) loaded = static_cast<CSeq*>(comp);
-    ASSERT_NE(loaded, nullptr);
+    const auto found = std::find_if(opened.comps.begin(), opened.comps.end(), [](CComp* comp) { return comp->isSequencer(); });
+    ASSERT_NE(found, opened.comps.end());
+    const auto* loaded = static_cast<const CSeq*>(*found);
     EXPECT_EQ(loaded->tracks.count(), seq->tracks.count());
     EXPECT_EQ(loaded->getLength(), seq->getLength());
 

@@ -25,9 +25,8 @@
 
 namespace {
 
-using files::LoadOutcome;
-
 using bytestest::bytesOf;
+using files::LoadOutcome;
 
 std::vector<uint8_t> saved(CQV& engine, CMixer* mixer = nullptr) {
     CMemoryStream stream;
@@ -67,9 +66,7 @@ struct FullProject {
         registerSoundComponents();
         engine.setSampleRate(48000.0);
         engine.bpm = 133.0f;
-        engine.timeSigNum = 3;
-        engine.timeSigDen = 8;
-        engine.loop = 0;
+        engine.timeSigNum = 3, engine.timeSigDen = 8, engine.loop = 0;
         engine.audioDir = "song_audio";
         engine.transportCC[ccPlay] = 20;
         engine.modSlots[3].cc = 74;
@@ -80,9 +77,7 @@ struct FullProject {
         auto* audioIn = testgraph::add<CAudioIn>(engine);
         auto* out = testgraph::add<CAudioOut>(engine);
         testgraph::add<CMIDIOut>(engine);
-        seq = new CSeq(&engine);
-        seq->createPorts();
-        engine.addComp(seq);
+        auto* seq = testgraph::add<CSeq>(engine);
         CTrack* folder = addTrack(*seq, trackFolder, nullptr, -1);
         CTrack* instrument = addTrack(*seq, trackInstrument, nullptr, -1);
         CTrack* audio = addTrack(*seq, trackAudio, nullptr, -1);
@@ -96,13 +91,13 @@ struct FullProject {
         seq->snap.gridType = 5;
         seq->options[seqoption::markerTrack] = 1;
 
-        sampler = testgraph::add<CSampler>(engine);
+        auto* sampler = testgraph::add<CSampler>(engine);
         sampler->addDefaultProgram(nullptr);
         sampler->midiCablesIn.add(makeMIDICable(sampler, instrument->firstOutputPort(), sampler->firstInputPort()));
         seq->midiCablesIn.add(makeMIDICable(seq, midiIn->firstOutputPort(), instrument->firstInputPort()));
         seq->audioCablesIn.add(makeAudioCable(seq, audioIn->firstOutputChannel(), audio->firstInputChannel()));
 
-        effect = testgraph::add<CEffect>(engine);
+        auto* effect = testgraph::add<CEffect>(engine);
         for (int32_t kind = fxDelay; kind <= fxCompressor; ++kind) effect->effectProgram(0)->effects.add(createFX(kind));
         testgraph::connectAudio(*sampler, *effect);
         testgraph::connectAudio(*effect, *out);
@@ -114,31 +109,24 @@ struct FullProject {
         out->audioCablesIn.add(makeAudioCable(out, group->firstOutputChannel(), out->firstInputChannel()));
 
         COutputChannel& strip = *sampler->firstOutputChannel();
-        strip.volume = 0.6f;
-        strip.pan = -0.25f;
-        strip.mute = 1;
-        strip.eqSettings[1].power = 1;
-        strip.eqSettings[1].gain = 4.5f;
+        strip.volume = 0.6f, strip.pan = -0.25f, strip.mute = 1;
+        strip.eqSettings[1].power = 1, strip.eqSettings[1].gain = 4.5f;
         strip.sends[0]->level = 0.3f;
-        insert = createComp(&engine, compEffect);
+        CComp* insert = createComp(&engine, compEffect);
         insert->createPorts();
         insert->name = "Insert";
         insert->wetLevel = 0.5f;
         insert->parentChannel = &strip;
         insert->orderClass = orderInsert;
         strip.inserts.add(insert);
-
-        const auto lane = [&](void* target) {
-            auto* sub = new CSubTrack(laneAutomation);
-            sub->name = "Automation";
-            sub->slot = instrument->subTracks.count();
-            sub->target = target;
-            instrument->subTracks.add(sub);
-        };
-        lane(sampler);
-        lane(insert);
-        lane(&strip);
-        lane(strip.sends[0]);
+        for (void* target : {static_cast<void*>(sampler), static_cast<void*>(insert), static_cast<void*>(&strip),
+                             static_cast<void*>(strip.sends[0])}) {
+            auto* lane = new CSubTrack(laneAutomation);
+            lane->name = "Automation";
+            lane->slot = instrument->subTracks.count();
+            lane->target = target;
+            instrument->subTracks.add(lane);
+        }
 
         CSeqProg& prog = *seq->currentProg();
         auto* midi = part<CMIDIPart>(*prog.songTracks.getAt(1), 960, 7680);
@@ -153,22 +141,16 @@ struct FullProject {
         insertEvent(*midi, 500, controller);
         for (int32_t k = 0; k < 5; ++k) {
             auto* point = new CAutomationRec();
-            point->delta = 240;
-            point->value = 0.2f * static_cast<float>(k);
-            point->shape = k % 2;
-            point->curve = 0.1f;
+            point->delta = 240, point->value = 0.2f * static_cast<float>(k), point->shape = k % 2, point->curve = 0.1f;
             point->next = midi->automation[2];
             midi->automation[2] = point;
         }
         prog.songTracks.getAt(1)->parts.add(makeGhost(*seq, *midi, true));
 
         auto* audioPart = part<CAudioPart>(*prog.songTracks.getAt(2), 0, 3840);
-        audioPart->multiClip = 1;
-        audioPart->audioChannels = 2;
+        audioPart->multiClip = 1, audioPart->audioChannels = 2;
         auto* clip = new CAudioEventRec();
-        clip->gain = 0.8f;
-        clip->fadeInMs = 12.0f;
-        clip->endFrame = 44100;
+        clip->gain = 0.8f, clip->fadeInMs = 12.0f, clip->endFrame = 44100;
         insertEvent(*audioPart, 100, clip);
 
         auto* drums = part<CDrumPart>(*prog.songTracks.getAt(3), 0, 3840);
@@ -182,17 +164,14 @@ struct FullProject {
         }
 
         auto* marker = new CMarkerPart();
-        marker->start = 3840;
-        marker->name = "Chorus";
+        marker->start = 3840, marker->name = "Chorus";
         prog.markers.add(marker);
         prog.nextMarker = marker;
         auto* signature = new CTimesigPart();
-        signature->start = 7680;
-        signature->numerator = 7;
+        signature->start = 7680, signature->numerator = 7;
         prog.signatures.add(signature);
         auto* tempo = new CTempoPart();
-        tempo->start = 1920;
-        tempo->tempo = 97.5f;
+        tempo->start = 1920, tempo->tempo = 97.5f;
         prog.tempos.add(tempo);
         seq->addProg()->leftLocator = 960;
         seq->program = 1;
@@ -201,19 +180,13 @@ struct FullProject {
     template <class Part>
     static Part* part(CSongTrack& songTrack, int32_t start, int32_t length) {
         auto* made = new Part();
-        made->start = start;
-        made->length = length;
-        made->songTrack = &songTrack;
+        made->start = start, made->length = length, made->songTrack = &songTrack;
         songTrack.parts.add(made);
         return made;
     }
 
     CQV engine;
     CMixer mixer;
-    CSeq* seq;
-    CSampler* sampler;
-    CEffect* effect;
-    CComp* insert;
 };
 
 TEST(Project, SaveOpenAndSaveAgainGiveTheSameBytes) {
@@ -232,12 +205,12 @@ TEST(Project, SaveOpenAndSaveAgainGiveTheSameBytes) {
     CSeq* seq = sequencerOf(engine);
     ASSERT_NE(seq, nullptr);
     CTrack* instrument = seq->tracks.getAt(1);
-    CSongTrack& songTrack = *seq->prog(0)->songTracks.getAt(1);
-    ASSERT_EQ(songTrack.parts.count(), 2);
-    EXPECT_EQ(songTrack.parts.getAt(0)->ghostSource, songTrack.parts.getAt(1)->ghostSource);
-    for (CSongTrack* each : seq->prog(0)->songTracks)
+    CSeqProg& prog = *seq->prog(0);
+    ASSERT_EQ(prog.songTracks.getAt(1)->parts.count(), 2);
+    EXPECT_EQ(prog.songTracks.getAt(1)->parts.getAt(0)->ghostSource, prog.songTracks.getAt(1)->parts.getAt(1)->ghostSource);
+    for (CSongTrack* each : prog.songTracks)
         for (CPart* part : each->parts) EXPECT_EQ(part->songTrack, each);
-    EXPECT_EQ(seq->prog(0)->nextMarker, seq->prog(0)->markers.getAt(0));
+    EXPECT_EQ(prog.nextMarker, prog.markers.getAt(0));
 
     auto* sampler = static_cast<CSampler*>(engine.comps.getAt(5));
     COutputChannel& strip = *sampler->firstOutputChannel();
@@ -245,10 +218,8 @@ TEST(Project, SaveOpenAndSaveAgainGiveTheSameBytes) {
     CComp* insert = strip.inserts.getAt(0);
     EXPECT_EQ(insert->wetLevel.load(), 0.5f);
     EXPECT_EQ(insert->parentChannel, &strip);
-    EXPECT_EQ(instrument->subTracks.getAt(1)->target, sampler);
-    EXPECT_EQ(instrument->subTracks.getAt(2)->target, insert);
-    EXPECT_EQ(instrument->subTracks.getAt(3)->target, &strip);
-    EXPECT_EQ(instrument->subTracks.getAt(4)->target, strip.sends[0]);
+    const void* targets[] = {sampler, insert, &strip, strip.sends[0]};
+    for (int32_t lane = 1; lane <= 4; ++lane) EXPECT_EQ(instrument->subTracks.getAt(lane)->target, targets[lane - 1]) << lane;
     ASSERT_EQ(sampler->midiCablesIn.count(), 1);
     EXPECT_EQ(sampler->midiCablesIn.getAt(0)->output, instrument->firstOutputPort());
 }
@@ -256,7 +227,6 @@ TEST(Project, SaveOpenAndSaveAgainGiveTheSameBytes) {
 TEST(Project, DamagedFilesLoadWhatTheyCanAndNeverCrash) {
     FullProject project;
     const std::vector<uint8_t> good = saved(project.engine);
-    std::mt19937 random(7);
     const auto exercise = [](const std::vector<uint8_t>& bytes) {
         CQV engine(EngineOptions{false, 1});
         Messages messages;
@@ -276,6 +246,7 @@ TEST(Project, DamagedFilesLoadWhatTheyCanAndNeverCrash) {
         reported += said;
     }
     EXPECT_GT(reported, 0u);
+    std::mt19937 random(7);
     for (int32_t trial = 0; trial < 120; ++trial) {
         std::vector<uint8_t> bytes = good;
         for (int32_t k = 0; k < 1 + trial % 8; ++k) bytes[7 + random() % (bytes.size() - 7)] = static_cast<uint8_t>(random());
@@ -330,9 +301,7 @@ TEST(Project, TheReaderSkipsReportsAndRefusesAsItShould) {
 
     // A snap grid outside 0..6 is not taken over; the tempo block's short payload is read as it is.
     CQV source(EngineOptions{false, 1});
-    auto* seq = new CSeq(&source);
-    seq->createPorts();
-    source.addComp(seq);
+    auto* seq = testgraph::add<CSeq>(source);
     seq->snap.gridType = 7;
     for (int32_t tick : {0, 960}) {
         auto* tempo = new CTempoPart();

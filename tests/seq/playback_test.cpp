@@ -18,15 +18,12 @@ using songtest::Song;
 std::map<uint32_t, int> soundingNotes(const std::vector<Recorder::Item>& items) {
     std::map<uint32_t, int> sounding;
     for (const auto& item : items) {
-        const uint32_t status = item.midi & 0xF0;
-        const uint32_t key = item.midi & 0xFF0F;
+        const uint32_t status = item.midi & 0xF0, key = item.midi & 0xFF0F;
         const bool on = status == 0x90 && ((item.midi >> 16) & 0xFF) != 0;
-        const bool off = status == 0x80 || (status == 0x90 && !on);
         if (on) ++sounding[key];
-        if (off && sounding[key] > 0) --sounding[key];
+        else if ((status == 0x80 || status == 0x90) && sounding[key] > 0) --sounding[key];
     }
-    for (auto it = sounding.begin(); it != sounding.end();)
-        it = it->second == 0 ? sounding.erase(it) : std::next(it);
+    std::erase_if(sounding, [](const auto& entry) { return entry.second == 0; });
     return sounding;
 }
 
@@ -34,15 +31,11 @@ std::map<uint32_t, int> soundingNotes(const std::vector<Recorder::Item>& items) 
 
 TEST(Playback, EventFramesMatchTheTempoMapAtEveryBlockSizeAndRate) {
     // Rates and tempos with a whole number of frames per tick, so rounding ties cannot hide differences.
-    struct Row {
-        float rate;
-        float bpm;
-    };
-    for (Row row : {Row{44100.0f, 91.875f}, Row{48000.0f, 120.0f}, Row{96000.0f, 150.0f}}) {
-        const double framesPerTick = row.rate / (row.bpm * 16.0);
+    for (auto [rate, bpm] : {std::pair{44100.0f, 91.875f}, {48000.0f, 120.0f}, {96000.0f, 150.0f}}) {
+        const double framesPerTick = rate / (bpm * 16.0);
         std::vector<std::vector<Recorder::Item>> streams;
         for (int32_t block : {64, 100, 1024, 4096}) {
-            Song song(row.rate, row.bpm);
+            Song song(rate, bpm);
             song.engine.setBlockSize(block);
             song.engine.setLoop(false);
             CMIDIPart* part = song.addPart(0, 960, 3840 * 8);
@@ -54,43 +47,32 @@ TEST(Playback, EventFramesMatchTheTempoMapAtEveryBlockSizeAndRate) {
             song.runFor(static_cast<int64_t>((960 + 3840 * 8 + 960) * framesPerTick), block);
 
             // Every note-on lands where the tempo map puts it: part start plus its tick.
+            std::vector<double> expectedOn, actualOn;
             int64_t tick = 960;
-            std::vector<double> expectedOn;
-            for (const CEventRec* e = part->getEvents(); e; e = e->next) {
-                tick += e->delta;
-                expectedOn.push_back(static_cast<double>(tick) * framesPerTick);
-            }
-            std::vector<double> actualOn;
+            for (const CEventRec* e = part->getEvents(); e; e = e->next) expectedOn.push_back(double(tick += e->delta) * framesPerTick);
             for (const auto& item : song.recorder->received)
                 if ((item.midi & 0xF0) == 0x90) actualOn.push_back(item.frame);
             ASSERT_EQ(actualOn.size(), expectedOn.size()) << "block " << block;
             for (size_t i = 0; i < expectedOn.size(); ++i)
-                ASSERT_NEAR(actualOn[i], expectedOn[i], 1e-6) << "rate " << row.rate << " block " << block << " event " << i;
+                ASSERT_NEAR(actualOn[i], expectedOn[i], 1e-6) << "rate " << rate << " block " << block << " event " << i;
             EXPECT_TRUE(soundingNotes(song.recorder->received).empty());
             streams.push_back(song.recorder->received);
         }
         // Events on one frame may come in either order; the (frame, message) pairs must be the same.
-        for (auto& stream : streams) {
-            for (auto& item : stream) item.frame = std::floor(item.frame + 0.5);
-            std::sort(stream.begin(), stream.end(), [](const Recorder::Item& a, const Recorder::Item& b) {
-                return a.frame != b.frame ? a.frame < b.frame : a.midi < b.midi;
-            });
+        std::vector<std::vector<std::pair<double, uint32_t>>> sorted;
+        for (const auto& stream : streams) {
+            sorted.emplace_back();
+            for (const auto& item : stream) sorted.back().emplace_back(std::floor(item.frame + 0.5), item.midi);
+            std::sort(sorted.back().begin(), sorted.back().end());
         }
-        for (size_t s = 1; s < streams.size(); ++s) {
-            ASSERT_EQ(streams[s].size(), streams[0].size());
-            for (size_t i = 0; i < streams[0].size(); ++i) {
-                ASSERT_EQ(streams[s][i].frame, streams[0][i].frame) << "stream " << s << " event " << i;
-                ASSERT_EQ(streams[s][i].midi, streams[0][i].midi) << "stream " << s << " event " << i;
-            }
-        }
+        for (size_t s = 1; s < sorted.size(); ++s) EXPECT_EQ(sorted[s], sorted[0]) << "block size " << s << " of " << rate;
     }
 }
 
 TEST(Playback, NoteEndsAtThePartEndMinusOneTick) {
     Song song(48000.0f, 120.0f);  // 25 frames a tick
     song.engine.setLoop(false);
-    CMIDIPart* part = song.addPart(0, 0, 960);
-    Song::addNote(*part, 480, 60, 2000);
+    Song::addNote(*song.addPart(0, 0, 960), 480, 60, 2000);
     song.engine.start();
     song.runFor(25 * 2000, 256);
     ASSERT_EQ(song.recorder->received.size(), 2u);
@@ -105,14 +87,13 @@ TEST(Playback, NoHangingNotesAcrossWrapsStopsJumpsAndRemovedParts) {
     CMIDIPart* b = song.addPart(1, 1920, 3840 * 2);
     for (int32_t t = 0; t < 3840 * 4; t += 240) Song::addNote(*a, t, static_cast<uint8_t>(40 + t / 240 % 30), 700);
     for (int32_t t = 0; t < 3840 * 2; t += 320) Song::addNote(*b, t, static_cast<uint8_t>(50 + t / 320 % 20), 900, 3);
-    CSeqProg& prog = *song.seq->currentProg();
     song.seq->setLoopRange(1000, 5000);  // the loop end falls inside held notes
     song.engine.setLoop(true);
     song.engine.start();
     song.runFor(48000 * 3, 333);  // several wraps
     EXPECT_GT(song.recorder->received.size(), 50u);
 
-    song.engine.setPosition(9000.0);  // a jump while playing
+    song.engine.setPosition(9000.0);  // jumps while playing
     song.runFor(48000, 128);
     song.engine.setPosition(2000.0);
     song.runFor(20000, 512);
@@ -124,7 +105,7 @@ TEST(Playback, NoHangingNotesAcrossWrapsStopsJumpsAndRemovedParts) {
 
     song.engine.stop();
     song.runFor(4096, 512);
-    EXPECT_FALSE(prog.playing.load());
+    EXPECT_FALSE(song.seq->currentProg()->playing.load());
     EXPECT_TRUE(soundingNotes(song.recorder->received).empty());
 }
 
@@ -141,10 +122,16 @@ TEST(Playback, LoopWithoutRangeRunsOnAndStopRewinds) {
     EXPECT_EQ(prog.position.load(), 0.0) << "rewind on stop returns to where play started";
 }
 
+// With every track full and a tempo point on every beat, which the cycle walks to follow the tempo.
 TEST(Playback, LongSongAllocatesNothingInTheCycle) {
     if (!rtprobe::available()) GTEST_SKIP() << "the probe is replaced by the sanitizer's allocator";
     Song song(48000.0f, 120.0f, 64);
     songtest::populate(song, 4, 196, 9);  // 50,176 notes
+    for (int32_t tick = 960; tick < 3840 * 64; tick += 960) {
+        auto* point = new CTempoPart();
+        point->start = tick, point->tempo = static_cast<float>(90 + tick / 960 % 60);
+        song.seq->currentProg()->tempos.add(point);
+    }
     song.recorder->received.clear();
     song.recorder->received.shrink_to_fit();
     song.recorder->received.reserve(1 << 20);
@@ -163,34 +150,29 @@ TEST(Playback, LongSongAllocatesNothingInTheCycle) {
     }
     EXPECT_EQ(allocations, 0);
     EXPECT_GT(song.recorder->received.size(), 10000u);
+    EXPECT_NE(song.engine.bpm.load(), 120.0f) << "the tempo followed the points";
 }
 
 TEST(Playback, AutomationRampsInStepsAndEndsAtThePartEnd) {
     Song song(48000.0f, 120.0f);  // 25 frames a tick
     song.engine.setLoop(false);
-    CTrack& track = *song.seq->tracks.getAt(0);
     int target = 0;
     auto* lane = new CSubTrack(laneAutomation);
     lane->slot = 0;
     lane->controller = 3;
     lane->target = &target;
-    track.subTracks.add(lane);
+    song.seq->tracks.getAt(0)->subTracks.add(lane);
     CMIDIPart* part = song.addPart(0, 0, 1920);
-    auto point = [&](int32_t tick, float value) {
-        auto* p = new CAutomationRec();
-        p->value = value;
-        CEventRec** link = &part->automation[0];
-        int32_t at = 0;
-        while (*link) {
-            at += static_cast<int32_t>((*link)->delta);
-            link = &(*link)->next;
-        }
-        p->delta = static_cast<uint32_t>(tick - at);
-        *link = p;
-    };
-    point(0, 0.0f);
-    point(960, 1.0f);
-    point(3000, 0.25f);  // beyond the part's end: never sent
+    CEventRec** link = &part->automation[0];
+    int32_t last = 0;
+    for (auto [tick, value] : {std::pair{0, 0.0f}, {960, 1.0f}, {3000, 0.25f}}) {  // the last beyond the part's end
+        auto* point = new CAutomationRec();
+        point->value = value;
+        point->delta = static_cast<uint32_t>(tick - last);
+        last = tick;
+        *link = point;
+        link = &point->next;
+    }
     song.engine.start();
     song.runFor(25 * 2500, 512);
 
@@ -200,8 +182,7 @@ TEST(Playback, AutomationRampsInStepsAndEndsAtThePartEnd) {
     ASSERT_GT(values.size(), 20u);
     EXPECT_EQ(values.front().target, &target);
     EXPECT_FLOAT_EQ(values.front().value, 0.0f);
-    constexpr double rampEnd = 960 * 25.0;
-    constexpr double partEnd = 1920 * 25.0;
+    constexpr double rampEnd = 960 * 25.0, partEnd = 1920 * 25.0;
     bool reachedTop = false;
     for (size_t i = 0; i < values.size(); ++i) {
         const auto& v = values[i];
@@ -225,14 +206,11 @@ TEST(Playback, TempoPointsDriveTheTempoAtBlockBoundaries) {
     Song song(48000.0f, 120.0f);
     song.engine.setLoop(false);
     CSeqProg& prog = *song.seq->currentProg();
-    auto* slow = new CTempoPart();
-    slow->start = 1920;
-    slow->tempo = 60.0f;
-    prog.tempos.add(slow);
-    auto* fast = new CTempoPart();
-    fast->start = 3840;
-    fast->tempo = 300.0f;  // beyond what playback runs
-    prog.tempos.add(fast);
+    for (auto [tick, bpm] : {std::pair{1920, 60.0f}, {3840, 300.0f}}) {  // 300 is beyond what playback runs
+        auto* point = new CTempoPart();
+        point->start = tick, point->tempo = bpm;
+        prog.tempos.add(point);
+    }
     song.engine.start();
     constexpr int32_t block = 480;  // 19.2 ticks at 120 BPM
     float tempoBefore = song.engine.bpm.load();
@@ -259,13 +237,14 @@ TEST(Playback, MutingDuringPlaySendsNoteOffsAtOnceAndSilencesTheTrack) {
     song.engine.start();
     song.runFor(25 * 2000, 512);
     ASSERT_FALSE(soundingNotes(song.recorder->received).empty());
-    song.seq->tracks.getAt(0)->flags.fetch_or(trackflag::muted);
+    auto& flags = song.seq->tracks.getAt(0)->flags;
+    flags.fetch_or(trackflag::muted);
     song.cycle(512);
     EXPECT_TRUE(soundingNotes(song.recorder->received).empty()) << "all note-offs in the next cycle";
     const size_t count = song.recorder->received.size();
     song.runFor(25 * 4000, 512);
     EXPECT_EQ(song.recorder->received.size(), count) << "a muted track plays nothing";
-    song.seq->tracks.getAt(0)->flags.fetch_and(~trackflag::muted);
+    flags.fetch_and(~trackflag::muted);
     song.runFor(25 * 2000, 512);
     EXPECT_GT(song.recorder->received.size(), count) << "unmuted, the next notes play";
 }
@@ -281,22 +260,22 @@ TEST(Playback, ThruPassesArmedTracksWithTransposeChannelAndSensitivity) {
     keys->createPorts();
     song.engine.addComp(keys);
     song.seq->midiCablesIn.add(makeMIDICable(song.seq, keys->firstOutputPort(), track.firstInputPort()));
+    const auto play = [&](bool withNoteOff) {
+        song.recorder->received.clear();
+        song.engine.beginCycle(256);
+        keys->firstOutputPort()->appendEvent(10.0, packMIDI(0x90, 60, 20));
+        if (withNoteOff) keys->firstOutputPort()->appendEvent(20.0, packMIDI(0x80, 60, 0));
+        song.engine.process(256);
+        song.recorder->process(256);
+    };
 
-    song.engine.beginCycle(256);
-    keys->firstOutputPort()->appendEvent(10.0, packMIDI(0x90, 60, 20));
-    keys->firstOutputPort()->appendEvent(20.0, packMIDI(0x80, 60, 0));
-    song.engine.process(256);
-    song.recorder->process(256);
+    play(true);
     ASSERT_EQ(song.recorder->received.size(), 2u);
     EXPECT_EQ(song.recorder->received[0].midi, packMIDI(0x95, 72, 127));
     EXPECT_DOUBLE_EQ(song.recorder->received[0].frame, 10.0);
     EXPECT_EQ(song.recorder->received[1].midi, packMIDI(0x85, 72, 0));
 
     track.flags.fetch_and(~trackflag::armed);  // not armed, monitor off: nothing passes
-    song.engine.beginCycle(256);
-    keys->firstOutputPort()->appendEvent(10.0, packMIDI(0x90, 60, 20));
-    song.engine.process(256);
-    song.recorder->received.clear();
-    song.recorder->process(256);
+    play(false);
     EXPECT_TRUE(song.recorder->received.empty());
 }

@@ -20,6 +20,8 @@ namespace {
 constexpr int32_t ourDivision = ticksPerQuarter;
 // Positions beyond this are held here: a damaged delta must not overflow the 32-bit event ticks.
 constexpr int64_t maxPosition = int64_t{1} << 30;
+// Beyond any position a division can reach within `maxPosition`, and far from overflow once scaled.
+constexpr int64_t maxFileTicks = int64_t{1} << 46;
 
 // Big-endian reads over one span, each checked against the end; a short read fails and moves nothing.
 class ByteCursor {
@@ -157,14 +159,15 @@ private:
 
     // False on the one fatal damage: a data byte where a status must be.
     bool readTrack(ByteCursor& in) {
-        int64_t position = 0;
+        // Positions are converted from the file's absolute ticks, so that rounding never builds up along
+        // a track whose division does not divide ours.
+        int64_t fileTicks = 0;
         uint8_t running = 0;
         while (in.left() > 0) {
             uint32_t delta = 0;
             if (!in.varLength(delta)) return true;
-            int64_t ticks = delta;
-            if (fileDivision_ != ourDivision) ticks = ticks * ourDivision / fileDivision_;
-            position = std::min(position + ticks, maxPosition);
+            fileTicks = std::min(fileTicks + delta, maxFileTicks);
+            const int64_t position = std::min((fileTicks * ourDivision + fileDivision_ / 2) / fileDivision_, maxPosition);
 
             uint8_t byte = 0;
             if (!in.u8(byte)) return true;

@@ -3,12 +3,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <vector>
 
-#include "core/stream.h"
 #include "engine/engine.h"
 #include "engine/io.h"
+#include "support/bytes.h"
+
+using bytestest::Bytes;
 
 namespace {
 
@@ -58,12 +59,9 @@ TEST(MIDIIn, AKeyPressedWhileAnotherIsHeldEndsTheHeldNoteFirst) {
     in.keyEvent(60, true);
     in.keyEvent(62, true);
     in.keyEvent(0, false);
-    const std::vector<Heard> heard = runFor(in, 1, 256);
-    ASSERT_EQ(heard.size(), 4u);
-    EXPECT_EQ(heard[0].midi, 0x643C90u);
-    EXPECT_EQ(heard[1].midi, 0x003C90u);
-    EXPECT_EQ(heard[2].midi, 0x643E90u);
-    EXPECT_EQ(heard[3].midi, 0x003E90u);
+    std::vector<uint32_t> midi;
+    for (const Heard& h : runFor(in, 1, 256)) midi.push_back(h.midi);
+    EXPECT_EQ(midi, (std::vector<uint32_t>{0x643C90, 0x003C90, 0x643E90, 0x003E90}));
     EXPECT_EQ(in.heldKey, -1);
 }
 
@@ -94,62 +92,33 @@ TEST(MIDIIn, AutoQuantizeWaitsForTheGridAndANoteStays120TicksLong) {
     EXPECT_EQ(now[0].frame, 0);
 }
 
-// A block by hand: u32 tag length, the tag, u32 payload size, the payload.
-void block(std::vector<uint8_t>& bytes, const char* tag, std::vector<uint8_t> payload, int32_t size = -1) {
-    const auto u32 = [&bytes](uint32_t v) {
-        for (int k = 0; k < 4; ++k) bytes.push_back(static_cast<uint8_t>(v >> (8 * k)));
-    };
-    u32(static_cast<uint32_t>(std::strlen(tag)));
-    bytes.insert(bytes.end(), tag, tag + std::strlen(tag));
-    u32(static_cast<uint32_t>(size < 0 ? static_cast<int32_t>(payload.size()) : size));
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-}
-
-template <class T>
-void loadFrom(T& comp, const std::vector<uint8_t>& bytes) {
-    CMemoryStream stream;
-    stream.write(bytes.data(), static_cast<int32_t>(bytes.size()));
-    stream.seek(0, seekFromStart);
-    comp.load(stream, stream.getSize());
-}
-
 TEST(DeviceComponents, KeepTheirChannelsAndDevicesInBlocksOfTheirOwnWidth) {
     CQV engine(EngineOptions{false, 1});
     CAudioOut out(&engine);
     out.channels = 1;
     out.deviceLeft = 3;
     out.deviceRight = 4;
-    CMemoryStream stream;
-    out.save(stream);
-    std::vector<uint8_t> expected;
-    block(expected, "chs", {1});
-    block(expected, "devs", {3, 4});
-    EXPECT_EQ(std::vector<uint8_t>(stream.data(), stream.data() + stream.getSize()), expected);
+    EXPECT_EQ(bytestest::saved(out), Bytes().header("chs", 1).u8(1).header("devs", 2).u8(3).u8(4).data);
 
     // An unknown block is passed over, a value the component can't take is made one it can, and a
     // "devs" cut short keeps what it held.
-    std::vector<uint8_t> damaged;
-    block(damaged, "later", {9, 9, 9});
-    block(damaged, "chs", {7});
-    block(damaged, "devs", {5}, 2);
     CAudioIn in(&engine);
-    loadFrom(in, damaged);
+    bytestest::loadBytes(
+        in, Bytes().header("later", 3).u8(9).u8(9).u8(9).header("chs", 1).u8(7).header("devs", 2).u8(5).data);
     EXPECT_EQ(in.channels, 2);
     EXPECT_EQ(in.deviceLeft, 5);
     EXPECT_EQ(in.deviceRight, 1);
 
     // The MIDI components keep their device as a signed byte.
-    std::vector<uint8_t> midi;
-    block(midi, "sens", {60, 0, 0, 0});
-    block(midi, "device", {0xFF});
+    Bytes midi;
+    midi.header("sens", 4).i32(60).header("device", 1).u8(0xFF);
     CMIDIIn midiIn(&engine);
     midiIn.device = 4;
-    loadFrom(midiIn, midi);
+    bytestest::loadBytes(midiIn, midi.data);
     EXPECT_EQ(midiIn.device, -1);
     EXPECT_EQ(midiIn.sens, 60);
     CMIDIOut midiOut(&engine);
-    block(midi, "device", {3});
-    loadFrom(midiOut, midi);
+    bytestest::loadBytes(midiOut, midi.header("device", 1).u8(3).data);
     EXPECT_EQ(midiOut.device, 3);
 }
 

@@ -8,13 +8,16 @@
 #include <vector>
 
 #include "support/engine_graph.h"
-#include "support/rt_probe.h"
 
 using namespace testgraph;
 
 namespace {
 
 constexpr int32_t frames = 256;
+constexpr int32_t forward = undodirection::forward;
+constexpr int32_t backward = undodirection::backward;
+
+EngineOptions singleThread() { return EngineOptions{false, 1}; }
 
 // Counts its deletions, so that a test can tell what the history let go of.
 class Counted : public CObject {
@@ -30,22 +33,31 @@ std::vector<void*> itemsOf(const CList& list) {
     return items;
 }
 
-struct Heard {
-    const CComp* who;
-    const CUndoItem* item;
-    int32_t direction;
-    std::thread::id thread;
+// Opens a step, lets `build` add its items and posts it.
+template <class Build>
+void post(CQV& engine, Build build, bool wait = true) {
+    CUndo* step = beginUndo(engine, "Edit", nullptr, 0);
+    build(*step);
+    engine.postUndo(step, wait);
+}
+
+// Every undoApplied the listeners of a test got, in order, and the thread each came on.
+using Heard = std::tuple<const CComp*, const CUndoItem*, int32_t>;
+struct Log {
+    std::vector<Heard> heard;
+    std::vector<std::thread::id> threads;
 };
 
-// Writes down every undoApplied it gets; with compSequencer it stands for a sequencer.
+// Logs every undoApplied it gets; with compSequencer it stands for a sequencer.
 class Listener : public CComp {
 public:
-    Listener(CQV* engine, std::vector<Heard>* log, int32_t type = compPlain) : CComp(engine, type), log(log) {}
+    Listener(CQV* engine, Log* log, int32_t type = compPlain) : CComp(engine, type), log(log) {}
     void undoApplied(CUndoItem* item, int32_t direction) override {
-        log->push_back({this, item, direction, std::this_thread::get_id()});
+        log->heard.emplace_back(this, item, direction);
+        log->threads.push_back(std::this_thread::get_id());
     }
     void changed(uint32_t flags) override { changedWith = flags; }
-    std::vector<Heard>* log;
+    Log* log;
     uint32_t changedWith = 0;
 };
 
@@ -93,16 +105,6 @@ struct Patch {
         connectMIDI(*b, *sink);
     }
 
-    // Every cable list of the graph, by pointer.
-    std::vector<std::vector<void*>> cables() const {
-        std::vector<std::vector<void*>> lists;
-        for (const CComp* comp : std::initializer_list<const CComp*>{out, a, victim, b, stage, sink, group}) {
-            lists.push_back(itemsOf(comp->audioCablesIn));
-            lists.push_back(itemsOf(comp->midiCablesIn));
-        }
-        return lists;
-    }
-
     CAudioOut* out;
     Node *a, *victim, *b, *stage, *sink;
     CGroupCh* group;
@@ -136,8 +138,8 @@ Node* newNode(CQV& engine, const char* label) {
 }  // namespace
 
 TEST(Undo, StepFlagsAreRoutedByTheTableAndAnEmptyStepLeavesNoHistory) {
-    CQV engine(EngineOptions{false, 1});
-    std::vector<Heard> log;
+    CQV engine(singleThread());
+    Log log;
     auto* seq = add<Listener>(engine, &log, compSequencer);
     auto* other = add<Listener>(engine, &log);
 
@@ -150,7 +152,6 @@ TEST(Undo, StepFlagsAreRoutedByTheTableAndAnEmptyStepLeavesNoHistory) {
     EXPECT_FALSE(engine.modified);
     EXPECT_EQ(other->changeFlags.load(), 0x50u) << "an empty step hands its flags to its owner as they are";
     EXPECT_EQ(engine.changeFlags.load() & change::undoApplied, 0u);
-    other->changeFlags = 0;
 
     int32_t word = 1;
     CUndo* step = beginUndo(engine, "Edit", seq, 0x10 | 0x20 | 0x200 | 0x400000 | 0x40);
@@ -158,25 +159,20 @@ TEST(Undo, StepFlagsAreRoutedByTheTableAndAnEmptyStepLeavesNoHistory) {
     word = 2;
     engine.postUndo(step, true);
     EXPECT_FALSE(engine.editOpen.load());
+    EXPECT_TRUE(engine.modified);
     EXPECT_EQ(engine.changeFlags.load() & (0x1 | 0x2 | 0x200 | 0x400000 | change::undoApplied),
               0x1u | 0x2u | 0x200u | 0x400000u | change::undoApplied);
     EXPECT_EQ(seq->changeFlags.load(), 0x40u) << "only the bits outside the table reach the owner";
     EXPECT_EQ(seq->changedWith, step->flags);
     // The owner hears the item once, although it is also the sequencer; 0x20 then tells every component.
-    ASSERT_EQ(log.size(), 3u);
-    EXPECT_EQ(log[0].who, seq);
-    EXPECT_EQ(log[0].item, &item);
-    EXPECT_EQ(log[0].direction, undodirection::forward);
-    EXPECT_EQ(log[1].who, seq);
-    EXPECT_EQ(log[1].item, nullptr);
-    EXPECT_EQ(log[2].who, other);
-    EXPECT_EQ(log[2].item, nullptr);
+    EXPECT_EQ(log.heard,
+              (std::vector<Heard>{{seq, &item, forward}, {seq, nullptr, forward}, {other, nullptr, forward}}));
     EXPECT_EQ(word, 2);
 }
 
 TEST(Undo, InsertRemoveMoveAndSwapRoundTripsPutEveryObjectBackInItsPlace) {
     int deleted = 0;
-    CQV engine(EngineOptions{false, 1});
+    CQV engine(singleThread());
     TList<CObject> list, other;
     std::vector<Counted*> o;
     for (int i = 0; i < 5; ++i) o.push_back(new Counted(&deleted));
@@ -188,32 +184,23 @@ TEST(Undo, InsertRemoveMoveAndSwapRoundTripsPutEveryObjectBackInItsPlace) {
     using State = std::pair<std::vector<void*>, std::vector<void*>>;
     auto state = [&] { return State{itemsOf(list), itemsOf(other)}; };
     std::vector<State> states{state()};
-
-    CUndo* insert = beginUndo(engine, "Insert", nullptr, 0);
-    insertItem(*insert, fresh, list, 1);
-    engine.postUndo(insert, true);
-    states.push_back(state());
-    EXPECT_EQ(states.back().first, (std::vector<void*>{o[0], fresh, o[1], o[2], o[3]}));
-
+    auto step = [&](auto build) {
+        post(engine, build);
+        states.push_back(state());
+        return states.back();
+    };
+    EXPECT_EQ(step([&](CUndo& s) { insertItem(s, fresh, list, 1); }).first,
+              (std::vector<void*>{o[0], fresh, o[1], o[2], o[3]}));
     // Two neighbours in one step: only a walk from the last item to the first restores their order.
-    CUndo* remove = beginUndo(engine, "Delete", nullptr, 0);
-    removeItem(*remove, o[1], &list, nullptr, -1);
-    removeItem(*remove, o[2], &list, nullptr, -1);
-    engine.postUndo(remove, true);
-    states.push_back(state());
-    EXPECT_EQ(states.back().first, (std::vector<void*>{o[0], fresh, o[3]}));
-
-    CUndo* move = beginUndo(engine, "Move", nullptr, 0);
-    removeItem(*move, fresh, &list, &other, 0);
-    engine.postUndo(move, true);
-    states.push_back(state());
-    EXPECT_EQ(states.back(), (State{{o[0], o[3]}, {fresh, o[4]}}));
-
-    CUndo* replace = beginUndo(engine, "Replace", nullptr, 0);
-    swapItem(*replace, o[3], replacement, list);
-    engine.postUndo(replace, true);
-    states.push_back(state());
-    EXPECT_EQ(states.back().first, (std::vector<void*>{o[0], replacement}));
+    EXPECT_EQ(step([&](CUndo& s) {
+                  removeItem(s, o[1], &list, nullptr, -1);
+                  removeItem(s, o[2], &list, nullptr, -1);
+              }).first,
+              (std::vector<void*>{o[0], fresh, o[3]}));
+    EXPECT_EQ(step([&](CUndo& s) { removeItem(s, fresh, &list, &other, 0); }),
+              (State{{o[0], o[3]}, {fresh, o[4]}}));
+    EXPECT_EQ(step([&](CUndo& s) { swapItem(s, o[3], replacement, list); }).first,
+              (std::vector<void*>{o[0], replacement}));
 
     for (int round = 0; round < 2; ++round) {
         for (int i = 3; i >= 0; --i) {
@@ -246,30 +233,22 @@ TEST(Undo, ANewStepAfterUndoCutsTheRedoTailAndDeletesWhatOnlyTheTailHeld) {
     auto* undoneInsert = new Counted(&deleted);
     auto* laterInsert = new Counted(&deleted);
     {
-        CQV engine(EngineOptions{false, 1});
-        CUndo* insert = beginUndo(engine, "Insert", nullptr, 0);
-        insertItem(*insert, undoneInsert, list, -1);
-        engine.postUndo(insert, true);
-        CUndo* remove = beginUndo(engine, "Delete", nullptr, 0);
-        removeItem(*remove, kept, &list, nullptr, -1);
-        engine.postUndo(remove, true);
+        CQV engine(singleThread());
+        post(engine, [&](CUndo& s) { insertItem(s, undoneInsert, list, -1); });
+        post(engine, [&](CUndo& s) { removeItem(s, kept, &list, nullptr, -1); });
         engine.undo();
         engine.undo();
         engine.guiTick();
         ASSERT_EQ(itemsOf(list), (std::vector<void*>{kept, removedForGood}));
         EXPECT_EQ(engine.undoSteps.count(), 2);
 
-        CUndo* again = beginUndo(engine, "Insert", nullptr, 0);
-        insertItem(*again, laterInsert, list, 0);
-        engine.postUndo(again, true);
+        post(engine, [&](CUndo& s) { insertItem(s, laterInsert, list, 0); });
         EXPECT_EQ(engine.undoSteps.count(), 1);
         EXPECT_FALSE(engine.canRedo());
         EXPECT_EQ(deleted, 1) << "the insert that was undone goes; the object back in the list stays";
         EXPECT_EQ(itemsOf(list), (std::vector<void*>{laterInsert, kept, removedForGood}));
 
-        CUndo* last = beginUndo(engine, "Delete", nullptr, 0);
-        removeItem(*last, removedForGood, &list, nullptr, -1);
-        engine.postUndo(last, true);
+        post(engine, [&](CUndo& s) { removeItem(s, removedForGood, &list, nullptr, -1); });
         EXPECT_EQ(deleted, 1) << "a removed object lives as long as the history can bring it back";
     }
     EXPECT_EQ(deleted, 2);
@@ -282,17 +261,14 @@ TEST(Undo, AStepCutOffWhileItsUndoIsStillQueuedLivesUntilTheUndoHasRun) {
     TList<CObject> list;
     auto* first = new Counted(&deleted);
     auto* second = new Counted(&deleted);
-    CQV engine(EngineOptions{false, 1});
+    CQV engine(singleThread());
     engine.runCycle(frames);  // audio runs: steps wait for the end of the next cycle
 
-    CUndo* insert = beginUndo(engine, "Insert", nullptr, 0);
-    insertItem(*insert, first, list, -1);
-    engine.postUndo(insert, false);
+    post(engine, [&](CUndo& s) { insertItem(s, first, list, -1); }, false);
     engine.runCycle(frames);
     engine.undo();
-    CUndo* next = beginUndo(engine, "Insert", nullptr, 0);
-    insertItem(*next, second, list, -1);
-    engine.postUndo(next, false);
+    post(engine, [&](CUndo& s) { insertItem(s, second, list, -1); }, false);
+    EXPECT_EQ(itemsOf(list), (std::vector<void*>{first})) << "nothing runs before the cycle";
     EXPECT_EQ(deleted, 0);
     EXPECT_EQ(engine.retiredSteps.count(), 1);
 
@@ -307,11 +283,9 @@ TEST(Undo, AStepCutOffWhileItsUndoIsStillQueuedLivesUntilTheUndoHasRun) {
 TEST(Undo, UndoAndRedoAreRefusedWhileRecordingAndAStepTheQueueCannotTakeIsDropped) {
     int deleted = 0;
     TList<CObject> list;
-    CQV engine(EngineOptions{false, 1});
+    CQV engine(singleThread());
     engine.runCycle(frames);
-    CUndo* insert = beginUndo(engine, "Insert", nullptr, 0);
-    insertItem(*insert, new Counted(&deleted), list, -1);
-    engine.postUndo(insert, false);
+    post(engine, [&](CUndo& s) { insertItem(s, new Counted(&deleted), list, -1); }, false);
     engine.runCycle(frames);
     ASSERT_EQ(list.count(), 1);
 
@@ -326,9 +300,7 @@ TEST(Undo, UndoAndRedoAreRefusedWhileRecordingAndAStepTheQueueCannotTakeIsDroppe
     } idle;
     while (engine.defer(CDeferredAction::of<&Idle::run>(&idle), nullptr)) {
     }
-    CUndo* lost = beginUndo(engine, "Insert", nullptr, 0);
-    insertItem(*lost, new Counted(&deleted), list, -1);
-    engine.postUndo(lost, false);
+    post(engine, [&](CUndo& s) { insertItem(s, new Counted(&deleted), list, -1); }, false);
     EXPECT_EQ(engine.undoSteps.count(), 1);
     EXPECT_EQ(engine.undoIndex, 0);
     EXPECT_EQ(deleted, 1) << "the new object of a step that never ran goes with the step";
@@ -350,7 +322,7 @@ TEST(Undo, SavedCellsKeepTheNewValueWhenAppliedAndSwapOnUndoAndRedo) {
     SwapContents swapValues = [](CObject* a, CObject* b) {
         std::swap(static_cast<Contents*>(a)->value, static_cast<Contents*>(b)->value);
     };
-    CQV engine(EngineOptions{false, 1});
+    CQV engine(singleThread());
     Contents part(1), original(0), later(0);
     auto* copy = new Contents(10);
 
@@ -384,16 +356,15 @@ TEST(Undo, SavedCellsKeepTheNewValueWhenAppliedAndSwapOnUndoAndRedo) {
 }
 
 TEST(Undo, RemovingAComponentTakesTheCablesLeavingItAndUndoBringsThemBackInPlace) {
-    CQV engine(EngineOptions{false, 1});
+    CQV engine(singleThread());
     engine.setBlockSize(frames);
-    std::vector<Heard> log;
+    Log log;
     auto* seq = add<Listener>(engine, &log, compSequencer);
     seq->name = "seq";
     auto* owner = add<Listener>(engine, &log);
     owner->name = "owner";
     Patch patch(engine);
-    const std::vector<void*> comps = itemsOf(engine.comps);
-    const auto cables = patch.cables();
+    const std::vector<std::string> whole = describe(engine);
     const std::vector<std::string> removed{
         "seq < | MIDI",   "owner < | MIDI",  "out < stage group | MIDI", "a < | MIDI",    "b < | MIDI",
         "stage < a b | MIDI", "sink < | MIDI a b", "group < | MIDI"};
@@ -407,11 +378,8 @@ TEST(Undo, RemovingAComponentTakesTheCablesLeavingItAndUndoBringsThemBackInPlace
         << "the cables a component holds go with it";
     EXPECT_TRUE(engine.changeFlags.load() & change::latency);
     EXPECT_TRUE(seq->changeFlags.load() & undoflag::sequencerPorts);
-    ASSERT_EQ(log.size(), 2u);
-    EXPECT_EQ(log[0].who, seq) << "the sequencer hears of it before the owner";
-    EXPECT_EQ(log[1].who, owner);
-    EXPECT_EQ(log[1].item, &item);
-    EXPECT_EQ(log[1].direction, undodirection::forward);
+    EXPECT_EQ(log.heard, (std::vector<Heard>{{seq, &item, forward}, {owner, &item, forward}}))
+        << "the sequencer hears of it before the owner";
 
     for (int i = 0; i < 3; ++i) engine.runCycle(frames);
     EXPECT_EQ(patch.victim->runs, 0) << "nothing pulls a removed component";
@@ -420,9 +388,8 @@ TEST(Undo, RemovingAComponentTakesTheCablesLeavingItAndUndoBringsThemBackInPlace
     for (int round = 0; round < 2; ++round) {
         engine.undo();
         engine.runCycle(frames);
-        EXPECT_EQ(itemsOf(engine.comps), comps);
-        EXPECT_EQ(patch.cables(), cables);
-        EXPECT_EQ(log.back().direction, undodirection::backward);
+        EXPECT_EQ(describe(engine), whole) << "every component and cable back in its place";
+        EXPECT_EQ(std::get<2>(log.heard.back()), backward);
         const int runs = patch.victim->runs;
         engine.runCycle(frames);
         EXPECT_EQ(patch.victim->runs, runs + 1) << "it is pulled again";
@@ -437,18 +404,19 @@ TEST(Undo, RemovingAComponentTakesTheCablesLeavingItAndUndoBringsThemBackInPlace
 }
 
 TEST(Undo, RemovingATerminalTakesOnlyTheCablesThatTouchIt) {
-    CQV engine(EngineOptions{false, 1});
+    CQV engine(singleThread());
     Patch patch(engine);
-    const auto cables = patch.cables();
-    CUndo* step = beginUndo(engine, "Delete output", patch.victim, 0);
-    removeItem(*step, patch.victim->firstOutputChannel(), &patch.victim->outputChannels, nullptr, -1);
-    engine.postUndo(step, true);
+    const std::vector<std::string> whole = describe(engine);
+    post(engine, [&](CUndo& s) {
+        removeItem(s, patch.victim->firstOutputChannel(), &patch.victim->outputChannels, nullptr, -1);
+        removeItem(s, patch.stage->firstInputChannel(), &patch.stage->inputChannels, nullptr, -1);
+    });
     EXPECT_EQ(describe(engine),
               (std::vector<std::string>{"out < stage group | MIDI", "a < | MIDI", "victim < a | MIDI", "b < | MIDI",
-                                        "stage < a b | MIDI", "sink < | MIDI a victim b", "group < | MIDI"}));
+                                        "stage < | MIDI", "sink < | MIDI a victim b", "group < | MIDI"}));
     engine.undo();
     engine.guiTick();
-    EXPECT_EQ(patch.cables(), cables);
+    EXPECT_EQ(describe(engine), whole);
 }
 
 namespace {
@@ -484,19 +452,16 @@ std::vector<std::vector<std::string>> editScript(CQV& engine, Patch& patch, List
 }  // namespace
 
 TEST(Undo, StepsAppliedByRunningCyclesEndLikeStepsAppliedWithoutAudio) {
-    std::vector<Heard> quietLog, liveLog;
-
-    CQV quiet(EngineOptions{false, 1});
+    Log quietLog, liveLog;
+    CQV quiet(singleThread());
     Patch quietPatch(quiet);
     auto* quietOwner = add<Listener>(quiet, &quietLog);
-    quietOwner->name = "owner";
     const auto expected = editScript(quiet, quietPatch, *quietOwner, [&] { quiet.guiTick(); });
 
     CQV live(EngineOptions{false, 3});
     live.setBlockSize(frames);
     Patch livePatch(live);
     auto* liveOwner = add<Listener>(live, &liveLog);
-    liveOwner->name = "owner";
     std::atomic<bool> running{true};
     std::atomic<int> cycles{0};
     std::thread::id audioThread;
@@ -516,47 +481,7 @@ TEST(Undo, StepsAppliedByRunningCyclesEndLikeStepsAppliedWithoutAudio) {
 
     EXPECT_EQ(actual, expected);
     EXPECT_NE(expected[1], expected[0]);
-    ASSERT_EQ(liveLog.size(), quietLog.size());
-    for (const Heard& heard : liveLog) EXPECT_EQ(heard.thread, audioThread);
-    for (const Heard& heard : quietLog) EXPECT_EQ(heard.thread, std::this_thread::get_id());
-}
-
-TEST(Undo, ApplyUndoAndRedoAllocateNothing) {
-    if (!rtprobe::available()) GTEST_SKIP() << "the probe is replaced by the sanitizer's allocator";
-    CQV engine(EngineOptions{false, 1});
-    engine.setBlockSize(frames);
-    Patch patch(engine);
-    for (int i = 0; i < 3; ++i) engine.runCycle(frames);
-
-    int32_t word = 1;
-    Node* fresh = newNode(engine, "fresh");
-    auto* replacement = new CObject;
-    TList<CObject> list;
-    list.add(new CObject);
-    CUndo* step = beginUndo(engine, "Edit", patch.a, 0x10 | 0x20);
-    removeItem(*step, patch.victim, &engine.comps, nullptr, -1);
-    removeItem(*step, patch.b->firstOutputPort(), &patch.b->outputPorts, nullptr, -1);
-    insertItem(*step, fresh, engine.comps, 0);
-    swapItem(*step, list.getAt(0), replacement, list);
-    saveWord(*step, &word);
-    word = 2;
-    engine.postUndo(step, false);
-
-    // The first cycle runs the step, the second works the latency out again.
-    auto allocationsOverTwoCycles = [&] {
-        rtprobe::Scope probe;
-        engine.runCycle(frames);
-        engine.runCycle(frames);
-        return probe.allocations();
-    };
-    EXPECT_EQ(allocationsOverTwoCycles(), 0);
-    ASSERT_EQ(engine.comps.indexOf(patch.victim), -1);
-    engine.undo();
-    EXPECT_EQ(allocationsOverTwoCycles(), 0);
-    ASSERT_GE(engine.comps.indexOf(patch.victim), 0);
-    ASSERT_EQ(word, 1);
-    engine.redo();
-    EXPECT_EQ(allocationsOverTwoCycles(), 0);
-    ASSERT_EQ(engine.comps.indexOf(patch.victim), -1);
-    list.deleteAll();
+    ASSERT_EQ(liveLog.heard.size(), quietLog.heard.size());
+    for (std::thread::id thread : liveLog.threads) EXPECT_EQ(thread, audioThread);
+    for (std::thread::id thread : quietLog.threads) EXPECT_EQ(thread, std::this_thread::get_id());
 }

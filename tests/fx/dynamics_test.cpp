@@ -4,9 +4,9 @@
 #include <bit>
 #include <cmath>
 #include <complex>
-#include <functional>
 #include <memory>
 #include <numbers>
+#include <tuple>
 #include <vector>
 
 #include "engine/fx.h"
@@ -14,7 +14,6 @@
 #include "fx/compressor.h"
 #include "fx/dynamics.h"
 #include "fx/filter.h"
-#include "support/rt_probe.h"
 #include "support/stereo.h"
 
 namespace {
@@ -22,7 +21,6 @@ namespace {
 using namespace stereotest;
 
 constexpr double rate = 48000.0;
-constexpr size_t tenSeconds = 480000;
 
 // Left a sine, right a cosine: the sum of the squares, which the compressor's detector reads, is the
 // amplitude squared in every frame, so the level is steady without a ripple to average out.
@@ -34,39 +32,43 @@ void addRotating(Stereo& out, size_t from, size_t to, double levelDb) {
     }
 }
 
-// Runs the input through the effect in blocks of `block` frames. Blocks are also cut at each frame of
-// `cuts`, where `atCut` runs first, so that a setting changes at the same frame whatever the block size.
-Stereo processInBlocks(CFX& fx, const Stereo& in, size_t block, const std::vector<size_t>& cuts,
-                       const std::function<void()>& atCut) {
-    Stereo out(in.size());
-    size_t next = 0;
-    for (size_t at = 0; at < in.size();) {
-        if (next < cuts.size() && cuts[next] == at) {
-            ++next;
-            atCut();
-        }
-        size_t end = std::min(in.size(), at + block);
-        if (next < cuts.size()) end = std::min(end, cuts[next]);
-        fx.process(in.l.data() + at, in.r.data() + at, out.l.data() + at, out.r.data() + at,
-                   static_cast<int32_t>(end - at));
-        at = end;
-    }
-    return out;
-}
-
 // Power gain of one frame in dB, both channels together as the detector sees them.
 double frameGainDb(const Stereo& in, const Stereo& out, size_t i) {
-    const auto power = [i](const Stereo& s) {
-        return double(s.l[i]) * s.l[i] + double(s.r[i]) * s.r[i];
-    };
+    const auto power = [i](const Stereo& s) { return double(s.l[i]) * s.l[i] + double(s.r[i]) * s.r[i]; };
     return 10.0 * std::log10(power(out) / power(in));
 }
 
-uint32_t f32(float value) {
-    return std::bit_cast<uint32_t>(value);
+// Frames after a step until the gain has gone 1 - 1/e of its way from `from` to `to` dB, interpolated.
+double framesToTimeConstant(const Stereo& in, const Stereo& out, size_t step, double from, double to) {
+    const double mark = from + (to - from) * (1.0 - std::exp(-1.0));
+    double before = from;
+    for (size_t i = step; i < in.size(); ++i) {
+        const double now = frameGainDb(in, out, i);
+        if ((to < from) == (now <= mark)) return static_cast<double>(i - step) + (mark - before) / (now - before);
+        before = now;
+    }
+    return -1.0;
 }
-uint32_t i32(int32_t value) {
-    return static_cast<uint32_t>(value);
+
+uint32_t f32(float value) { return std::bit_cast<uint32_t>(value); }
+uint32_t i32(int32_t value) { return static_cast<uint32_t>(value); }
+
+// A filter that has stood at this cutoff for a while: no ramp to come.
+void setSteady(CFilterFX& filter, int32_t type, float cutoff, float q) {
+    filter.type = type;
+    filter.q = q;
+    filter.target = filter.lastTarget = filter.cutoff = cutoff;
+}
+
+// low[n] = low[n-1] + f band[n-1], high[n] = x[n] - low[n] - d band[n-1], band[n] = band[n-1] + f high[n]:
+// with D = (1 - z^-1)^2 + f^2 z^-1 + d f z^-1 (1 - z^-1), low is f^2 z^-1 / D, band f (1 - z^-1) / D,
+// high (1 - z^-1)^2 / D.
+std::complex<double> response(int32_t type, double f, double d, double w) {
+    const std::complex<double> z1 = std::polar(1.0, -w), diff = 1.0 - z1;
+    const std::complex<double> denominator = diff * diff + f * f * z1 + d * f * z1 * diff;
+    if (type == filterBandPass) return f * diff / denominator;
+    if (type == filterHighPass) return diff * diff / denominator;
+    return f * f * z1 / denominator;
 }
 
 } // namespace
@@ -86,73 +88,48 @@ TEST(CompressorCurve, SettledGainFollowsThresholdRatioAndMakeUpWithinATenthOfADe
         compressor.rmsComp.setGain(row.gainDb);
         Stereo in(settle + measure);
         addRotating(in, 0, in.size(), row.levelDb);
-        const Stereo out = run(compressor, in, 1024);
-        const double expected =
-            row.gainDb + (1.0 / row.ratio - 1.0) * std::max(0.0, row.levelDb - row.thresholdDb);
+        const Stereo out = run(compressor, in);
+        const double expected = row.gainDb + (1.0 / row.ratio - 1.0) * std::max(0.0, row.levelDb - row.thresholdDb);
         for (size_t i = settle; i < in.size(); i += 97)
             ASSERT_NEAR(frameGainDb(in, out, i), expected, 0.1)
                 << "threshold " << row.thresholdDb << " ratio " << row.ratio << " level " << row.levelDb;
     }
 }
 
-namespace {
-
-// Frames after a step until the gain has gone 1 - 1/e of its way from `from` to `to` dB, interpolated.
-double framesToTimeConstant(const Stereo& in, const Stereo& out, size_t step, double from, double to) {
-    const double mark = from + (to - from) * (1.0 - std::exp(-1.0));
-    double before = from;
-    for (size_t i = step; i < in.size(); ++i) {
-        const double now = frameGainDb(in, out, i);
-        if ((to < from) == (now <= mark))
-            return static_cast<double>(i - step) + (mark - before) / (now - before);
-        before = now;
-    }
-    return -1.0;
-}
-
-} // namespace
-
 TEST(CompressorTiming, AttackAndReleaseTimeConstantsWithinFivePercent) {
-    struct Row {
-        double attackMs, releaseMs, sampleRate;
-    };
-    const Row rows[] = {{1, 10, 48000}, {200, 5000, 44100}, {5, 1000, 96000}};
     // -40 dB to 0 dB and back, over a -20 dB threshold at 4:1: the gain moves between 0 and -15 dB.
-    for (const Row& row : rows) {
+    for (const auto& [attackMs, releaseMs, sampleRate] :
+         {std::tuple{1.0, 10.0, 48000.0}, std::tuple{200.0, 5000.0, 44100.0}, std::tuple{5.0, 1000.0, 96000.0}}) {
         CCompressor compressor;
-        compressor.setSampleRate(static_cast<float>(row.sampleRate));
-        compressor.rmsComp.setAttack(row.attackMs);
-        compressor.rmsComp.setRelease(row.releaseMs);
+        compressor.setSampleRate(static_cast<float>(sampleRate));
+        compressor.rmsComp.setAttack(attackMs);
+        compressor.rmsComp.setRelease(releaseMs);
         compressor.rmsComp.setRatio(0.25);
         compressor.rmsComp.setGain(0.0);
         compressor.rmsComp.setWindow(0.001); // the level follows at once, so only the envelope is timed
-        const double attack = row.attackMs * row.sampleRate / 1000.0,
-                     release = row.releaseMs * row.sampleRate / 1000.0;
-        const auto loudAt = static_cast<size_t>(10 * attack),
-                   quietAt = loudAt + static_cast<size_t>(10 * attack);
+        const double attack = attackMs * sampleRate / 1000.0, release = releaseMs * sampleRate / 1000.0;
+        const auto loudAt = static_cast<size_t>(10 * attack), quietAt = 2 * loudAt;
         Stereo in(quietAt + static_cast<size_t>(3 * release));
         addRotating(in, 0, loudAt, -40.0);
         addRotating(in, loudAt, quietAt, 0.0);
         addRotating(in, quietAt, in.size(), -40.0);
-        const Stereo out = run(compressor, in, 1024);
-        EXPECT_NEAR(framesToTimeConstant(in, out, loudAt, 0.0, -15.0), attack, 0.05 * attack)
-            << row.attackMs << " ms";
+        const Stereo out = run(compressor, in);
+        EXPECT_NEAR(framesToTimeConstant(in, out, loudAt, 0.0, -15.0), attack, 0.05 * attack) << attackMs << " ms";
         EXPECT_NEAR(frameGainDb(in, out, quietAt - 1), -15.0, 0.01);
-        EXPECT_NEAR(framesToTimeConstant(in, out, quietAt, -15.0, 0.0), release, 0.05 * release)
-            << row.releaseMs << " ms";
+        EXPECT_NEAR(framesToTimeConstant(in, out, quietAt, -15.0, 0.0), release, 0.05 * release) << releaseMs << " ms";
     }
 }
 
-// Coefficient 0, a detector that follows at once, stands for any product of time and rate that is not
-// above 0, instead of a division by zero. The timing test measures the others, but not the level detector.
+// The timing test measures attack and release but not the level detector. A time or rate not above 0
+// gives coefficient 0, a detector that follows at once, instead of a division by zero.
 TEST(CompressorDetector, AllThreeTakeTheRateAndATimeOrRateNotAboveZeroFollowsAtOnce) {
     CCompressor compressor;
     compressor.setSampleRate(96000.0f);
     EXPECT_DOUBLE_EQ(compressor.rmsComp.attack.coef, std::exp(-1000.0 / (10.0 * 96000.0)));
     EXPECT_DOUBLE_EQ(compressor.rmsComp.release.coef, std::exp(-1000.0 / (100.0 * 96000.0)));
     EXPECT_DOUBLE_EQ(compressor.rmsComp.rms.coef, std::exp(-1000.0 / (5.0 * 96000.0)));
-    for (const auto& [ms, sampleRate] : {std::pair{0.0, 48000.0}, std::pair{10.0, 0.0}, std::pair{-3.0, 48000.0},
-                                         std::pair{std::nan(""), 48000.0}}) {
+    for (const auto& [ms, sampleRate] :
+         {std::pair{0.0, 48000.0}, std::pair{10.0, 0.0}, std::pair{-3.0, 48000.0}, std::pair{std::nan(""), 48000.0}}) {
         comp::EnvelopeDetector detector(1.0);
         detector.setSampleRate(sampleRate);
         detector.setTc(ms);
@@ -160,78 +137,49 @@ TEST(CompressorDetector, AllThreeTakeTheRateAndATimeOrRateNotAboveZeroFollowsAtO
     }
 }
 
-// Exact half steps and the finest grid, which noise would not hit; the hold is held against noise below.
-TEST(BitcrusherQuantise, HandWorkedFrames) {
+// Exact half steps and the finest grid, which noise would not hit.
+TEST(BitcrusherQuantise, HandWorkedFramesOnEachChannelAlone) {
     struct Row {
-        int32_t bits, degrade;
+        int32_t bits;
         std::vector<float> in, expected;
     };
     const Row rows[] = {
         // Grid 1/4, half up: -1.5 steps go to -1, 1.2 to 1, 3.496 to 3, -4.8 to -5.
-        {2, 1, {0.3f, -0.375f, 0.125f, 0.874f, -1.2f, 1e-6f}, {0.25f, -0.25f, 0.25f, 0.75f, -1.25f, 0.0f}},
+        {2, {0.3f, -0.375f, 0.125f, 0.874f, -1.2f, 1e-6f}, {0.25f, -0.25f, 0.25f, 0.75f, -1.25f, 0.0f}},
         // 32 bits: a sample of normal size already lies on the grid of 2^-32; a tiny one is rounded to it.
-        {32, 1, {0.1f, -0.7f, 1e-12f, 3e-10f}, {0.1f, -0.7f, 0.0f, 0x1p-32f}},
+        {32, {0.1f, -0.7f, 1e-12f, 3e-10f}, {0.1f, -0.7f, 0.0f, 0x1p-32f}},
     };
     for (const Row& row : rows) {
-        for (const bool right : {false, true}) { // each channel alone, so that a mix-up shows
+        for (const bool right : {false, true}) {
             CBitcrusher crusher;
             crusher.bits = row.bits;
-            crusher.degrade = row.degrade;
+            crusher.degrade = 1;
             Stereo in(row.in.size());
             (right ? in.r : in.l) = row.in;
             const Stereo out = run(crusher, in, 3);
-            EXPECT_EQ(right ? out.r : out.l, row.expected)
-                << "bits " << row.bits << " degrade " << row.degrade;
+            EXPECT_EQ(right ? out.r : out.l, row.expected) << "bits " << row.bits;
             EXPECT_EQ(right ? out.l : out.r, std::vector<float>(row.in.size()));
         }
     }
 }
 
 TEST(BitcrusherQuantise, NoiseMatchesTheHoldAndGridAtAnyBlockSize) {
-    struct Row {
-        int32_t bits, degrade;
-        size_t block;
-    };
-    const Row rows[] = {{1, 1, 64}, {4, 4, 1}, {12, 17, 5}, {24, 63, 100}};
     const Stereo in = noise(20000, 1.5f, 17);
-    for (const Row& row : rows) {
+    for (const auto& [bits, degrade, block] : {std::tuple{1, 1, 64u}, std::tuple{4, 4, 1u}, std::tuple{12, 17, 5u},
+                                               std::tuple{24, 63, 100u}}) {
         CBitcrusher crusher;
-        crusher.bits = row.bits;
-        crusher.degrade = row.degrade;
-        const Stereo out = run(crusher, in, row.block);
-        const double step = std::pow(0.5, row.bits);
+        crusher.bits = bits;
+        crusher.degrade = degrade;
+        const Stereo out = run(crusher, in, block);
+        const double step = std::pow(0.5, bits);
         for (size_t i = 0; i < in.size(); ++i) {
-            const size_t held = (i + 1) / row.degrade * row.degrade; // frames degrade-1, 2 degrade-1, ...
+            const size_t held = (i + 1) / degrade * degrade; // frames degrade-1, 2 degrade-1, ...
             const float holdL = held ? in.l[held - 1] : 0.0f, holdR = held ? in.r[held - 1] : 0.0f;
-            ASSERT_EQ(out.l[i], static_cast<float>(std::floor(holdL / step + 0.5) * step))
-                << "bits " << row.bits << " frame " << i;
-            ASSERT_EQ(out.r[i], static_cast<float>(std::floor(holdR / step + 0.5) * step))
-                << "bits " << row.bits << " frame " << i;
+            ASSERT_EQ(out.l[i], static_cast<float>(std::floor(holdL / step + 0.5) * step)) << "bits " << bits << " frame " << i;
+            ASSERT_EQ(out.r[i], static_cast<float>(std::floor(holdR / step + 0.5) * step)) << "bits " << bits << " frame " << i;
         }
     }
 }
-
-namespace {
-
-// A filter that has stood at this cutoff for a while: no ramp to come.
-void setSteady(CFilterFX& filter, int32_t type, float cutoff, float q) {
-    filter.type = type;
-    filter.q = q;
-    filter.target = filter.lastTarget = filter.cutoff = cutoff;
-}
-
-// The transfer function of low[n] = low[n-1] + f band[n-1], high[n] = x[n] - low[n] - d band[n-1],
-// band[n] = band[n-1] + f high[n]: with D = (1 - z^-1)^2 + f^2 z^-1 + d f z^-1 (1 - z^-1), the low
-// output is f^2 z^-1 / D, the band f (1 - z^-1) / D, the high (1 - z^-1)^2 / D.
-std::complex<double> response(int32_t type, double f, double d, double w) {
-    const std::complex<double> z1 = std::polar(1.0, -w), diff = 1.0 - z1;
-    const std::complex<double> denominator = diff * diff + f * f * z1 + d * f * z1 * diff;
-    if (type == filterBandPass) return f * diff / denominator;
-    if (type == filterHighPass) return diff * diff / denominator;
-    return f * f * z1 / denominator;
-}
-
-} // namespace
 
 TEST(FilterResponse, EachOutputFollowsItsTransferFunction) {
     struct Row {
@@ -252,48 +200,51 @@ TEST(FilterResponse, EachOutputFollowsItsTransferFunction) {
         Stereo in(settle + window);
         for (size_t i = 0; i < in.size(); ++i)
             in.l[i] = in.r[i] = static_cast<float>(std::cos(w * double(i)));
-        const Stereo out = run(filter, in, 1024);
+        const Stereo out = run(filter, in);
         std::complex<double> measured;
         for (size_t i = settle; i < in.size(); ++i)
             measured += double(out.l[i]) * std::polar(2.0 / window, -w * double(i));
-        const std::complex<double> expected =
-            response(row.type, row.cutoff * row.cutoff, 1.0f - row.q * 0.99f, w);
+        const std::complex<double> expected = response(row.type, row.cutoff * row.cutoff, 1.0f - row.q * 0.99f, w);
         EXPECT_LT(std::abs(measured - expected), 1e-3 * std::max(1.0, std::abs(expected)))
-            << "type " << row.type << " cutoff " << row.cutoff << " q " << row.q << ": " << measured
-            << " against " << expected;
+            << "type " << row.type << " cutoff " << row.cutoff << " q " << row.q << ": " << measured << " against "
+            << expected;
         EXPECT_EQ(out.l, out.r);
     }
 }
 
 TEST(FilterRamp, EveryBlockSizeGivesTheSameSamples) {
-    const std::vector<size_t> cuts = {0, 150, 1200, 2000}; // 150: during the first glide; 1200: unchanged
+    // A new cutoff at each cut: 150 is during the first glide, 1200 sets an unchanged one.
+    const size_t cuts[] = {0, 150, 1200, 2000, 3000};
     const float targets[] = {0.2f, 0.7f, 0.7f, 0.4f};
     const Stereo in = noise(3000, 0.8f, 29);
     std::vector<Stereo> outs;
     for (const size_t block : {1, 7, 64, 1024}) {
         CFilterFX filter;
         setSteady(filter, filterBandPass, 1.0f, 0.6f);
-        size_t next = 0;
-        outs.push_back(processInBlocks(filter, in, block, cuts, [&] { filter.setCutoff(targets[next++]); }));
+        Stereo& out = outs.emplace_back(in.size());
+        for (size_t piece = 0; piece < 4; ++piece) {
+            filter.setCutoff(targets[piece]);
+            for (size_t at = cuts[piece]; at < cuts[piece + 1]; at += block) {
+                const auto n = static_cast<int32_t>(std::min(block, cuts[piece + 1] - at));
+                filter.process(in.l.data() + at, in.r.data() + at, out.l.data() + at, out.r.data() + at, n);
+            }
+        }
         EXPECT_EQ(filter.cutoff, 0.4f);
         EXPECT_EQ(filter.rampStep, 0.0f);
         for (size_t i = 0; i < in.size(); ++i) {
-            ASSERT_EQ(outs.back().l[i], outs.front().l[i]) << "block " << block << " frame " << i;
-            ASSERT_EQ(outs.back().r[i], outs.front().r[i]) << "block " << block << " frame " << i;
+            ASSERT_EQ(out.l[i], outs.front().l[i]) << "block " << block << " frame " << i;
+            ASSERT_EQ(out.r[i], outs.front().r[i]) << "block " << block << " frame " << i;
         }
     }
 }
 
 TEST(FilterRamp, ALoadedCutoffGlidesForExactly300SamplesAndAChangeOnTheWayStartsAfresh) {
     CFilterFX filter;
-    const Stereo silence(1);
-    Stereo out(1);
-    const auto frame = [&] {
-        filter.process(silence.l.data(), silence.r.data(), out.l.data(), out.r.data(), 1);
-    };
-    const uint32_t loaded[FXWords::count] = {i32(filterLowPass), f32(0.25f)};
+    Stereo silence(1), out(1);
+    const auto frame = [&] { filter.process(silence.l.data(), silence.r.data(), out.l.data(), out.r.data(), 1); };
     FXWords words;
-    std::copy(std::begin(loaded), std::end(loaded), words.word);
+    words.word[0] = i32(filterLowPass);
+    words.word[1] = f32(0.25f);
     filter.loadWords(words);
     float expected = 1.0f, step = (0.25f - 1.0f) / 300.0f;
     for (int32_t i = 1; i <= 450; ++i) {
@@ -313,82 +264,33 @@ TEST(FilterRamp, ALoadedCutoffGlidesForExactly300SamplesAndAChangeOnTheWayStarts
     EXPECT_EQ(filter.rampLeft, 298);
 }
 
-TEST(FilterState, TenSecondsOfSilenceAfterAnImpulseLeaveEveryStateZero) {
-    struct Row {
-        int32_t type;
-        float cutoff, q;
-    };
-    const Row rows[] = {{filterLowPass, 1.0f, 0.0f}, {filterHighPass, 0.2f, 0.95f}, {filterBandPass, 0.6f, 1.0f}};
-    for (const Row& row : rows) {
-        CFilterFX filter;
-        setSteady(filter, row.type, row.cutoff, row.q);
-        const Stereo out = run(filter, impulse(tenSeconds, 1.0f, -1.0f));
-        for (const float state :
-             {filter.low[0], filter.low[1], filter.band[0], filter.band[1], filter.high[0], filter.high[1]})
-            EXPECT_EQ(state, 0.0f) << "type " << row.type << " cutoff " << row.cutoff << " q " << row.q;
-        EXPECT_EQ(out.l.back(), 0.0f);
-    }
-}
-
 TEST(FilterState, TurningOnAgainSilencesTheOldResonance) {
     CFilterFX filter;
     setSteady(filter, filterBandPass, 0.3f, 0.95f);
-    run(filter, impulse(64, 1.0f, 1.0f), 64);
+    run(filter, impulse(64, 1.0f, 1.0f));
     const Stereo silence(256);
-    EXPECT_NE(run(filter, silence, 256).l.back(), 0.0f) << "left alone, it rings on";
+    EXPECT_NE(run(filter, silence).l.back(), 0.0f) << "left alone, it rings on";
     filter.setEnabled(false);
     filter.setEnabled(true);
-    EXPECT_EQ(run(filter, silence, 256).l, silence.l);
+    EXPECT_EQ(run(filter, silence).l, silence.l);
 }
 
-TEST(DynamicsSilence, CompressorAndCrusherGiveZerosAndKeepNoDenormalState) {
-    CCompressor compressor;
-    CBitcrusher crusher;
-    crusher.degrade = 5; // takes frames 4, 9, 14, ...
-    Stereo in(tenSeconds);
-    addRotating(in, 0, 14, 6.0);
-    for (CFX* fx : {static_cast<CFX*>(&compressor), static_cast<CFX*>(&crusher)}) {
-        const Stereo out = run(*fx, in, 1024);
-        const auto zero = [](float v) { return v == 0.0f; };
-        EXPECT_NE(out.l[9], 0.0f);
-        EXPECT_TRUE(std::all_of(out.l.begin() + 14, out.l.end(), zero)) << "kind " << fx->subKind;
-        EXPECT_TRUE(std::all_of(out.r.begin() + 14, out.r.end(), zero)) << "kind " << fx->subKind;
-    }
-    EXPECT_EQ(crusher.holdL, 0.0f);
-    EXPECT_EQ(crusher.holdR, 0.0f);
-    // The compressor's states rest at their floor of 1e-25: never denormal, and the gain back at 1.
-    for (const double state : {compressor.rmsComp.meanSquare, compressor.rmsComp.env}) {
-        EXPECT_GE(state, 1e-25);
-        EXPECT_LT(state, 1.000001e-25);
-    }
-}
-
-TEST(DynamicsWords, LoadThenSaveKeepsSettingsAndBringsOthersIntoTheEditorRanges) {
+// Settings in range are kept; the table of every kind checks that with the other effects.
+TEST(DynamicsWords, LoadBringsSettingsIntoTheEditorRanges) {
     const float nan = std::nanf(""), twentieth = 1.0f / 20.0f;
     struct Row {
         int32_t kind;
         std::vector<uint32_t> loaded, saved;
     };
     const Row rows[] = {
-        {fxCompressor,
-         {f32(-37), f32(1 / 6.0f), f32(33), f32(870), f32(-4.5f)}, {f32(-37), f32(1 / 6.0f), f32(33), f32(870), f32(-4.5f)}},
-        {fxCompressor,
-         {f32(-150), f32(0), f32(0), f32(0), f32(40)}, {f32(-100), f32(twentieth), f32(1), f32(1), f32(24)}},
-        {fxCompressor,
-         {f32(10), f32(3), f32(900), f32(9000), f32(-30)}, {f32(0), f32(1), f32(500), f32(5000), f32(-24)}},
-        {fxCompressor,
-         {f32(nan), f32(nan), f32(nan), f32(nan), f32(nan)}, {f32(-20), f32(0.3f), f32(10), f32(100), f32(6)}},
-        {fxBitcrusher, {i32(11), i32(23)}, {i32(11), i32(23)}},
+        {fxCompressor, {f32(-150), f32(0), f32(0), f32(0), f32(40)}, {f32(-100), f32(twentieth), f32(1), f32(1), f32(24)}},
+        {fxCompressor, {f32(10), f32(3), f32(900), f32(9000), f32(-30)}, {f32(0), f32(1), f32(500), f32(5000), f32(-24)}},
+        {fxCompressor, {f32(nan), f32(nan), f32(nan), f32(nan), f32(nan)}, {f32(-20), f32(0.3f), f32(10), f32(100), f32(6)}},
         {fxBitcrusher, {i32(0), i32(0)}, {i32(1), i32(1)}},
         {fxBitcrusher, {i32(5000), i32(-3)}, {i32(32), i32(1)}},
-        {fxFilter,
-         {i32(filterHighPass), f32(0.35f), f32(0.6f)}, {i32(filterHighPass), f32(0.35f), f32(0.6f)}},
-        {fxFilter,
-         {i32(7), f32(4), f32(2)}, {i32(filterHighPass), f32(1), f32(1)}},
-        {fxFilter,
-         {i32(-1), f32(-0.5f), f32(-3)}, {i32(filterLowPass), f32(0), f32(0)}},
-        {fxFilter,
-         {i32(filterBandPass), f32(nan), f32(nan)}, {i32(filterBandPass), f32(1), f32(0)}}, // the cutoff stays
+        {fxFilter, {i32(7), f32(4), f32(2)}, {i32(filterHighPass), f32(1), f32(1)}},
+        {fxFilter, {i32(-1), f32(-0.5f), f32(-3)}, {i32(filterLowPass), f32(0), f32(0)}},
+        {fxFilter, {i32(filterBandPass), f32(nan), f32(nan)}, {i32(filterBandPass), f32(1), f32(0)}}, // the cutoff stays
     };
     registerDynamicsEffects();
     for (const Row& row : rows) {
@@ -399,33 +301,9 @@ TEST(DynamicsWords, LoadThenSaveKeepsSettingsAndBringsOthersIntoTheEditorRanges)
         fx->saveWords(saved);
         std::vector<uint32_t> expected = row.saved;
         expected.resize(FXWords::count);
-        EXPECT_EQ(std::vector<uint32_t>(saved.word, saved.word + FXWords::count), expected)
-            << "kind " << row.kind;
+        EXPECT_EQ(std::vector<uint32_t>(saved.word, saved.word + FXWords::count), expected) << "kind " << row.kind;
         fx->setSampleRate(static_cast<float>(rate));
         const Stereo out = run(*fx, noise(4096, 2.0f, 8), 512);
         EXPECT_TRUE(std::all_of(out.l.begin(), out.l.end(), [](float v) { return std::isfinite(v); }));
     }
-}
-
-TEST(DynamicsKinds, ProcessAllocatesAndLocksNothing) {
-    if (!rtprobe::available()) GTEST_SKIP() << "the probe is replaced by the sanitizer's allocator";
-    CCompressor compressor;
-    CBitcrusher crusher;
-    CFilterFX filter;
-    const Stereo in = noise(1024, 1.0f, 41);
-    Stereo out(1024);
-    int64_t allocations = 0, locks = 0;
-    {
-        rtprobe::Scope probe;
-        for (int32_t block = 0; block < 200; ++block) {
-            if (block % 50 == 0) filter.setCutoff(0.2f + 0.003f * static_cast<float>(block));
-            for (CFX* fx :
-                 {static_cast<CFX*>(&compressor), static_cast<CFX*>(&crusher), static_cast<CFX*>(&filter)})
-                fx->process(in.l.data(), in.r.data(), out.l.data(), out.r.data(), 1024);
-        }
-        allocations = probe.allocations();
-        locks = probe.locks();
-    }
-    EXPECT_EQ(allocations, 0);
-    EXPECT_EQ(locks, 0);
 }

@@ -4,7 +4,7 @@
 #include <complex>
 #include <memory>
 #include <numbers>
-#include <random>
+#include <tuple>
 #include <vector>
 
 #include "engine/eq.h"
@@ -19,7 +19,7 @@ struct Section {
     double b0, b1, b2, a1, a2;
 };
 
-// The cookbook filters written out from the published formulas: A = 10^(gain/40), w0 = 2 pi f0 / fs,
+// The cookbook filters from their published formulas: A = 10^(gain/40), w0 = 2 pi f0 / fs,
 // alpha = sin(w0) / (2Q). Divided by a0 and rounded to float, like the fields that hold them.
 Section cookbook(int32_t type, double f0, double gainDb, double q, double fs) {
     const double A = std::pow(10.0, gainDb / 40.0), w0 = 2.0 * std::numbers::pi * f0 / fs;
@@ -98,7 +98,7 @@ struct BandRow {
 }  // namespace
 
 TEST(EQResponse, EachTypeMatchesTheCookbookTransferFunction) {
-    // Thirteen probes; none falls on the notch's centre, where decibels run to minus infinity.
+    // None of the probes falls on the notch's centre, where decibels run to minus infinity.
     const double probes[] = {31, 77, 140, 333, 612, 930, 1710, 2890, 4400, 7350, 11800, 17600, 21000};
     for (const BandRow& row : bandRows) {
         SCOPED_TRACE(row.what);
@@ -114,59 +114,30 @@ TEST(EQResponse, EachTypeMatchesTheCookbookTransferFunction) {
 TEST(EQResponse, ReferenceHitsTheTextbookLandmarks) {
     constexpr double fs = 48000.0, f0 = 1000.0, dc = 0.01, nyquist = fs / 2;
     struct {
-        const char* what;
         int32_t type;
         double gainDb, q, at, expectDb;
     } const landmarks[] = {
-        {"low shelf at DC", eqLowShelf, 9.0, 0.7, dc, 9.0},
-        {"low shelf at its corner: half the gain", eqLowShelf, 9.0, 0.7, f0, 4.5},
-        {"low shelf at Nyquist", eqLowShelf, 9.0, 0.7, nyquist, 0.0},
-        {"peak at its centre", eqPeak, -6.0, 2.0, f0, -6.0},
-        {"peak at DC", eqPeak, -6.0, 2.0, dc, 0.0},
-        {"high shelf at Nyquist", eqHighShelf, -12.0, 0.5, nyquist, -12.0},
-        {"high shelf at its corner: half the gain", eqHighShelf, -12.0, 0.5, f0, -6.0},
-        {"high shelf at DC", eqHighShelf, -12.0, 0.5, dc, 0.0},
-        {"low-pass at DC", eqLowPass, 0.0, 0.707, dc, 0.0},
-        {"low-pass with Q 1 at its corner", eqLowPass, 0.0, 1.0, f0, 0.0},
-        {"high-pass with Q 1 at its corner", eqHighPass, 0.0, 1.0, f0, 0.0},
-        {"band-pass at its centre", eqBandPass, 0.0, 3.0, f0, 0.0},
+        {eqLowShelf, 9.0, 0.7, dc, 9.0},   {eqLowShelf, 9.0, 0.7, f0, 4.5},     {eqLowShelf, 9.0, 0.7, nyquist, 0.0},
+        {eqPeak, -6.0, 2.0, f0, -6.0},     {eqPeak, -6.0, 2.0, dc, 0.0},        {eqHighShelf, -12.0, 0.5, nyquist, -12.0},
+        {eqHighShelf, -12.0, 0.5, f0, -6.0}, {eqHighShelf, -12.0, 0.5, dc, 0.0}, {eqLowPass, 0.0, 0.707, dc, 0.0},
+        {eqLowPass, 0.0, 1.0, f0, 0.0},    {eqHighPass, 0.0, 1.0, f0, 0.0},     {eqBandPass, 0.0, 3.0, f0, 0.0},
     };
-    for (const auto& l : landmarks) EXPECT_NEAR(magnitudeDb(cookbook(l.type, f0, l.gainDb, l.q, fs), l.at, fs), l.expectDb, 0.01) << l.what;
+    for (const auto& l : landmarks)
+        EXPECT_NEAR(magnitudeDb(cookbook(l.type, f0, l.gainDb, l.q, fs), l.at, fs), l.expectDb, 0.01)
+            << "type " << l.type << " at " << l.at << " Hz";
     EXPECT_LT(magnitudeDb(cookbook(eqNotch, f0, 0.0, 2.0, fs), f0, fs), -60.0);
     EXPECT_LT(magnitudeDb(cookbook(eqLowPass, f0, 0.0, 0.7, fs), nyquist, fs), -100.0);
     EXPECT_LT(magnitudeDb(cookbook(eqHighPass, f0, 0.0, 0.7, fs), dc, fs), -100.0);
 }
 
-TEST(EQResponse, GainZeroOnAGainBandIsUnity) {
-    struct {
-        int32_t type;
-        float freq, q;
-    } const rows[] = {{eqPeak, 1000.0f, 2.0f}, {eqPeak, 40.0f, 0.1f}, {eqPeak, 15000.0f, 8.0f},
-                      {eqLowShelf, 100.0f, 0.1f}, {eqHighShelf, 10000.0f, 0.7f}};
-    std::mt19937 random(5);
-    std::uniform_real_distribution<float> noise(-1.0f, 1.0f);
-    std::vector<float> in(8 * block);
-    for (float& x : in) x = noise(random);
-    for (const auto& row : rows) {
-        auto eq = makeBand(row.type, row.freq, 0.0f, row.q, 48000.0f);
-        std::vector<float> outL(in.size()), outR(in.size());
-        for (size_t at = 0; at < in.size(); at += block) eq->process(&in[at], &in[at], &outL[at], &outR[at], block);
-        for (size_t i = 0; i < in.size(); ++i) {
-            ASSERT_NEAR(outL[i], in[i], 1e-6f) << "type " << row.type << " at " << row.freq << " Hz, sample " << i;
-            ASSERT_EQ(outR[i], outL[i]) << i;
-        }
-    }
-}
-
 TEST(EQDenormals, TenSecondsOfSilenceAfterAnImpulseLeaveTheStateExactlyZero) {
-    constexpr int32_t tenSeconds = 480000;
     for (const BandRow& row : bandRows) {
         SCOPED_TRACE(row.what);
         auto eq = makeBand(row.type, row.freq, row.gain, row.q, 48000.0f);
         std::vector<float> impulse(block, 0.0f), silence(block, 0.0f), outL(block), outR(block);
         impulse[0] = 1.0f;
         eq->process(impulse.data(), impulse.data(), outL.data(), outR.data(), block);
-        for (int32_t done = block; done < tenSeconds; done += block)
+        for (int32_t done = block; done < 480000; done += block)
             eq->process(silence.data(), silence.data(), outL.data(), outR.data(), block);
         for (float state : {eq->x1L, eq->x2L, eq->y1L, eq->y2L, eq->x1R, eq->x2R, eq->y1R, eq->y2R}) EXPECT_EQ(state, 0.0f);
         EXPECT_EQ(outL, silence);
@@ -175,19 +146,15 @@ TEST(EQDenormals, TenSecondsOfSilenceAfterAnImpulseLeaveTheStateExactlyZero) {
 
 TEST(EQDenormals, OnlyStateBelowTheThresholdIsFlushed) {
     // A section that holds its last output, y = y1: whatever survives the block was not flushed.
-    struct {
-        float held, expect;
-    } const rows[] = {{2e-10f, 2e-10f}, {-2e-10f, -2e-10f}, {0.9e-10f, 0.0f}, {-0.9e-10f, 0.0f}, {1e-30f, 0.0f}};
-    for (const auto& row : rows) {
+    for (const auto& [held, expect] : {std::pair{2e-10f, 2e-10f}, std::pair{-2e-10f, -2e-10f}, std::pair{0.9e-10f, 0.0f},
+                                       std::pair{-0.9e-10f, 0.0f}, std::pair{1e-30f, 0.0f}}) {
         CEQ eq(eqPeak);
         eq.b0 = eq.b1 = eq.b2 = eq.a2 = 0.0f;
         eq.a1 = -1.0f;
-        eq.y1L = eq.y1R = row.held;
+        eq.y1L = eq.y1R = held;
         std::vector<float> left(64, 0.0f), right(64, 0.0f);
         eq.process(left.data(), right.data(), left.data(), right.data(), 64);
-        EXPECT_EQ(eq.y1L, row.expect) << row.held;
-        EXPECT_EQ(eq.y2L, row.expect) << row.held;
-        EXPECT_EQ(eq.y1R, row.expect) << row.held;
+        EXPECT_EQ(std::tuple(eq.y1L, eq.y2L, eq.y1R), std::tuple(expect, expect, expect)) << held;
     }
 }
 

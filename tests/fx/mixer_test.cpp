@@ -1,38 +1,38 @@
 #include <gtest/gtest.h>
 
-#include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "core/stream.h"
 #include "engine/engine.h"
 #include "engine/io.h"
 #include "fx/mixer.h"
+#include "support/bytes.h"
 
 namespace {
 
-EngineOptions singleThread() { return EngineOptions{false, 1}; }
+using namespace bytestest;
 
-std::vector<uint8_t> bytesOf(CMemoryStream& stream) { return {stream.data(), stream.data() + stream.getSize()}; }
-
-void rewind(CMemoryStream& stream) { stream.seek(0, seekFromStart); }
+struct MixerRig {
+    CQV engine{EngineOptions{false, 1}};
+    CMixer mixer{&engine};
+};
 
 }  // namespace
 
 TEST(Mixer, ViewsSurviveSaveAndLoadByteForByte) {
-    CQV engine(singleThread());
-    CMixer mixer(&engine);
-    mixer.view = 3;
-    mixer.addProgram()->show = 5;
-    mixer.addProgram()->show = 31;
-    mixer.setProgramName(1, "Drums only");
-    mixer.program = 1;
-    CMemoryStream first;
-    mixer.save(first);
+    MixerRig rig;
+    rig.mixer.view = 3;
+    rig.mixer.addProgram()->show = 5;
+    rig.mixer.addProgram()->show = 31;
+    rig.mixer.setProgramName(1, "Drums only");
+    rig.mixer.program = 1;
+    const std::vector<uint8_t> first = saved(rig.mixer);
 
-    CMixer other(&engine);
+    CMixer other(&rig.engine);
     other.addProgram();  // replaced by what is loaded
-    rewind(first);
-    other.load(first, first.getSize());
+    loadBytes(other, first);
     EXPECT_EQ(other.view, 3);
     EXPECT_EQ(other.program, 1);
     ASSERT_EQ(other.getProgramCount(), 2);
@@ -40,52 +40,42 @@ TEST(Mixer, ViewsSurviveSaveAndLoadByteForByte) {
     EXPECT_STREQ(other.getProgramName(-1).c_str(), "Drums only");
     EXPECT_EQ(other.mixProgram(0)->show, 5);
     EXPECT_NE(other.changeFlags.load() & change::program, 0u);
-
-    CMemoryStream second;
-    other.save(second);
-    EXPECT_EQ(bytesOf(second), bytesOf(first));
+    EXPECT_EQ(saved(other), first);
 }
 
 TEST(Mixer, LoadSkipsStrangeBlocksAndAShowBeforeAnyView) {
-    CQV engine(singleThread());
+    Bytes file;
+    file.header("sh", 4).i32(7)  // no view yet: ignored
+        .header("zzz", 3).u8(1).u8(2).u8(3)
+        .header("prog", 8).text("Mix")
+        .header("sh", 4).i32(9);
     CMemoryStream stream;
-    writeBlockHeader(stream, "sh", 4);
-    stream.writeI32(7);  // no view yet: ignored
-    writeBlockHeader(stream, "zzz", 3);
-    stream.writeU8(1);
-    stream.writeU8(2);
-    stream.writeU8(3);
-    writeBlockHeader(stream, "prog", 8);
-    writeString(stream, "Mix");
-    writeBlockHeader(stream, "sh", 4);
-    stream.writeI32(9);
-    rewind(stream);
-    CMixer mixer(&engine);
-    mixer.load(stream, stream.getSize());
-    ASSERT_EQ(mixer.getProgramCount(), 1);
-    EXPECT_STREQ(mixer.getProgramName(0).c_str(), "Mix");
-    EXPECT_EQ(mixer.mixProgram(0)->show, 9);
+    fill(stream, file.data);
+    MixerRig rig;
+    rig.mixer.load(stream, stream.getSize());
+    ASSERT_EQ(rig.mixer.getProgramCount(), 1);
+    EXPECT_STREQ(rig.mixer.getProgramName(0).c_str(), "Mix");
+    EXPECT_EQ(rig.mixer.mixProgram(0)->show, 9);
     EXPECT_EQ(stream.tell(), stream.getSize());
 }
 
 TEST(Mixer, AddGroupIsOneStepThatUndoTakesBack) {
-    CQV engine(singleThread());
+    MixerRig rig;
+    CQV& engine = rig.engine;
     auto* out = new CAudioOut(&engine);
     out->createPorts();
     engine.addComp(out);
-    CMixer mixer(&engine);
 
-    ASSERT_TRUE(mixer.addGroup(true));
+    ASSERT_TRUE(rig.mixer.addGroup(true));
     ASSERT_EQ(engine.groupChannels.count(), 1);
     CGroupCh* group = engine.groupChannels.getAt(0);
     EXPECT_STREQ(group->getName().c_str(), "Group");
     ASSERT_EQ(out->audioCablesIn.count(), 1);
     const CAudioCable* cable = out->audioCablesIn.getAt(0);
-    EXPECT_EQ(cable->source, group);
-    EXPECT_EQ(cable->output, group->firstOutputChannel());
-    EXPECT_EQ(cable->input, out->firstInputChannel());
+    EXPECT_EQ(std::tuple(cable->source, cable->output, cable->input),
+              std::tuple(group, group->firstOutputChannel(), out->firstInputChannel()));
     ASSERT_NE(group->firstInputChannel()->left(), nullptr) << "buffers are made before the step runs";
-    EXPECT_NE(mixer.changeFlags.load() & 0x1, 0u) << "the window rebuilds its strips";
+    EXPECT_NE(rig.mixer.changeFlags.load() & 0x1, 0u) << "the window rebuilds its strips";
 
     engine.undo();
     engine.guiTick();
@@ -93,46 +83,39 @@ TEST(Mixer, AddGroupIsOneStepThatUndoTakesBack) {
     EXPECT_EQ(out->audioCablesIn.count(), 0);
 
     // One group for each send, and no more.
-    for (int32_t k = 0; k < COutputChannel::maxSends; ++k) ASSERT_TRUE(mixer.addGroup(true)) << k;
-    EXPECT_EQ(engine.groupChannels.count(), COutputChannel::maxSends);
-    EXPECT_FALSE(mixer.addGroup(true));
+    for (int32_t k = 0; k < COutputChannel::maxSends; ++k) ASSERT_TRUE(rig.mixer.addGroup(true)) << k;
+    EXPECT_FALSE(rig.mixer.addGroup(true));
     EXPECT_EQ(engine.groupChannels.count(), COutputChannel::maxSends);
 }
 
 TEST(MixParams, SizeWordIsZeroAndTheEntriesFollowIt) {
-    CQV engine(singleThread());
+    CQV engine(EngineOptions{false, 1});
     CComp owner(&engine);
     TList<CMixerParam> params;
+    CMemoryStream empty;
+    saveMixParams(params, empty);
+    EXPECT_EQ(empty.getSize(), 0) << "an empty list writes nothing";
+
     params.add(new CMixerParam(&owner, 3));
     params.add(new CMixerParam(&owner, -1));
     CMemoryStream stream;
     saveMixParams(params, stream);
     params.deleteAll();
-    EXPECT_EQ(stream.getSize(), 4 + 9 + 4 + 4 + 2 * 16);
-
-    rewind(stream);
-    CBlockReader blocks(stream, stream.getSize());
-    ASSERT_TRUE(blocks.next());
-    EXPECT_TRUE(blocks.is("mixparams"));
-    EXPECT_EQ(blocks.size(), 0u);
-    loadMixParams(params, &owner, stream);
-    ASSERT_EQ(params.count(), 2);
-    EXPECT_EQ(params.getAt(0)->index, 3);
-    EXPECT_EQ(params.getAt(1)->index, -1);
-    EXPECT_EQ(params.getAt(1)->owner, &owner);
-    params.deleteAll();
+    Bytes expect;
+    expect.header("mixparams", 0).i32(2).i32(0).i32(3).i32(0).i32(0).i32(0).i32(-1).i32(0).i32(0);
+    EXPECT_EQ(bytesOf(stream), expect.data);
 
     // A count beyond what the stream holds reads what is there and stops.
-    CMemoryStream damaged;
-    damaged.writeI32(1000000);
-    for (int32_t word : {0, 7, 0, 0}) damaged.writeI32(word);
-    rewind(damaged);
-    loadMixParams(params, &owner, damaged);
-    ASSERT_EQ(params.count(), 1);
-    EXPECT_EQ(params.getAt(0)->index, 7);
-    params.deleteAll();
-
-    CMemoryStream empty;
-    saveMixParams(params, empty);
-    EXPECT_EQ(empty.getSize(), 0) << "an empty list writes nothing";
+    for (const std::vector<int32_t>& entries : {std::vector{0, 3, 0, 0, 0, -1, 0, 0}, std::vector{0, 7, 0, 0}}) {
+        Bytes file;
+        file.i32(entries.size() == 8 ? 2 : 1000000);
+        for (int32_t word : entries) file.i32(word);
+        CMemoryStream in;
+        fill(in, file.data);
+        loadMixParams(params, &owner, in);
+        ASSERT_EQ(params.count(), static_cast<int32_t>(entries.size() / 4));
+        for (int32_t k = 0; k < params.count(); ++k)
+            EXPECT_EQ(std::pair(params.getAt(k)->index, params.getAt(k)->owner), std::pair(entries[4 * k + 1], &owner));
+        params.deleteAll();
+    }
 }

@@ -19,6 +19,7 @@ constexpr int32_t drumChannel = 9;
 constexpr int32_t drumBank = 128;
 constexpr int32_t tailTicks = 2 * 2 * ticksPerQuarter;  // two seconds at 120 BPM
 constexpr int32_t channelVolume = 7;
+constexpr int32_t channelPan = 10;
 constexpr int32_t dataEntry = 6, parameterLow = 100, parameterHigh = 101;
 constexpr int32_t defaultBendRange = 2;  // semitones, until registered parameter 0 says otherwise
 // Sixteen channels at full level pass full scale: each sampler's fader stands at -12 dB.
@@ -80,6 +81,12 @@ struct VoiceTrack {
     }
 };
 
+// A pan controller's value on a strip's -1..1, 64 in the middle.
+float stripPan(int32_t controller) {
+    const auto offset = static_cast<float>(controller - 64);
+    return std::clamp(offset / (controller < 64 ? 64.0f : 63.0f), -1.0f, 1.0f);
+}
+
 }  // namespace
 
 SongFrame addSongFrame(CQV& engine, double sampleRate) {
@@ -115,6 +122,12 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
     std::fill(std::begin(parameters), std::end(parameters), -1);
     std::fill(std::begin(bendRanges), std::end(bendRanges), defaultBendRange);
     int32_t banks[16] = {};
+    // A controller sets a sound's pan outright, which would undo the pan of a preset's zones (the two
+    // sides of a stereo piano); a channel's pan goes to its samplers' strips instead: the pan the
+    // channel has when its first note sounds.
+    int32_t pans[16], pansAtFirstNote[16];
+    std::fill(std::begin(pans), std::end(pans), 64);
+    std::fill(std::begin(pansAtFirstNote), std::end(pansAtFirstNote), -1);
     int64_t end = 0;
     for (size_t i = 0; i < events.size(); ++i) {
         const Event& e = events[i];
@@ -124,8 +137,10 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
         if (kind == 0xB0 && data1 == parameterHigh) parameters[channel] = (data2 << 7) | (parameters[channel] & 0x7F);
         if (kind == 0xB0 && data1 == parameterLow) parameters[channel] = (parameters[channel] & ~0x7F) | data2;
         if (kind == 0xB0 && data1 == dataEntry && parameters[channel] == 0) bendRanges[channel] = std::max(data2, 1);
+        if (kind == 0xB0 && data1 == channelPan) pans[channel] = data2;
         if (kind == 0xC0) programs[channel] = static_cast<int32_t>(data1);
         if ((e.message & 0xF0) == 0x90 && (e.message >> 16) != 0) {
+            if (pansAtFirstNote[channel] < 0) pansAtFirstNote[channel] = pans[channel];
             presetOf[i] = choosePreset(bank, static_cast<int32_t>(channel), banks[channel], programs[channel]);
             end = std::max(end, e.tick + std::max(e.duration, 1));
             ++notes_;
@@ -158,6 +173,7 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
             }
         sampler->programs.add(program);
         sampler->firstOutputChannel()->volume = faderPosition;
+        sampler->firstOutputChannel()->pan = stripPan(pansAtFirstNote[channel]);
         // The song starts at its fader level, as it does once saved and opened, rather than ramping there.
         sampler->firstOutputChannel()->snapRamps();
         sampler->midiCablesIn.add(makeMIDICable(sampler, track->firstOutputPort(), sampler->firstInputPort()));

@@ -153,14 +153,16 @@ TEST_F(GmRender, AMidiFileSoundsAndTwoRendersAreBitIdentical) {
 
 TEST_F(GmRender, ProgramChangesChooseThePresetAndChannelTenTheDrums) {
     // Format 0 at 96: piano on channel 1, then program 41 (violin); a snare on channel 10; an unknown
-    // program (bank 5) falls back to the main bank.
+    // program (bank 5) falls back to the main bank. Channel 2 pans hard left, then hard right after its
+    // first note, which its strip doesn't follow; channel 10 pans right.
     const std::vector<uint8_t> track = {
+        0x00, 0xB1, 10, 30, 0x00, 0xB1, 10, 0, 0x00, 0xB9, 10, 127,
         0x00, 0x90, 60, 100, 0x60, 0x80, 60, 0,      // piano
         0x00, 0xC0, 40, 0x00, 0x90, 62, 100,         // violin
         0x00, 0x99, 38, 100, 0x60, 0x89, 38, 0,      // snare
         0x00, 0x80, 62, 0,
         0x00, 0xB1, 0x00, 5, 0x00, 0xC1, 19,         // bank 5, program 19 on channel 2
-        0x00, 0x91, 64, 90, 0x60, 0x81, 64, 0,
+        0x00, 0x91, 64, 90, 0x00, 0xB1, 10, 127, 0x60, 0x81, 64, 0,
         0x00, 0xFF, 0x2F, 0x00};
     std::vector<uint8_t> file = {'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1, 0, 96, 'M', 'T', 'r', 'k', 0, 0, 0,
                                  static_cast<uint8_t>(track.size())};
@@ -176,6 +178,10 @@ TEST_F(GmRender, ProgramChangesChooseThePresetAndChannelTenTheDrums) {
     EXPECT_EQ(presets[1], bank.find(0, 40));
     EXPECT_EQ(presets[2], bank.find(128, 0));
     EXPECT_EQ(presets[3], bank.find(0, 19));
+    std::vector<float> pans;
+    for (CComp* comp : song.engine.comps)
+        if (auto* sampler = dynamic_cast<CSampler*>(comp)) pans.push_back(sampler->firstOutputChannel()->pan.load());
+    EXPECT_EQ(pans, (std::vector<float>{0.0f, 0.0f, 1.0f, -1.0f}));
 
     EXPECT_THROW(files::GmSong(48000.0, CString((fonts / "TimGM6mb.sf2").c_str()), bank), files::SongError);
 }

@@ -81,8 +81,8 @@ struct VoiceTrack {
     }
 };
 
-// A pan controller's value on a strip's -1..1, 64 in the middle.
-float stripPan(int32_t controller) {
+// A pan controller's value as an offset of -1..1, 64 in the middle.
+float panOffset(int32_t controller) {
     const auto offset = static_cast<float>(controller - 64);
     return std::clamp(offset / (controller < 64 ? 64.0f : 63.0f), -1.0f, 1.0f);
 }
@@ -123,8 +123,8 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
     std::fill(std::begin(bendRanges), std::end(bendRanges), defaultBendRange);
     int32_t banks[16] = {};
     // A controller sets a sound's pan outright, which would undo the pan of a preset's zones (the two
-    // sides of a stereo piano); a channel's pan goes to its samplers' strips instead: the pan the
-    // channel has when its first note sounds.
+    // sides of a stereo piano). As a General MIDI player does, the channel's pan is added to the zones'
+    // own instead: the pan the channel has when its first note sounds.
     int32_t pans[16], pansAtFirstNote[16];
     std::fill(std::begin(pans), std::end(pans), 64);
     std::fill(std::begin(pansAtFirstNote), std::end(pansAtFirstNote), -1);
@@ -169,11 +169,11 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
         for (CLayer* layer : program->layers)
             for (CSound* sound : layer->sounds) {
                 sound->ccMap[channelVolume] = targetVolume;
+                sound->pan = std::clamp(sound->pan + panOffset(pansAtFirstNote[channel]), -1.0f, 1.0f);
                 sound->bendRange = bendRanges[channel];
             }
         sampler->programs.add(program);
         sampler->firstOutputChannel()->volume = faderPosition;
-        sampler->firstOutputChannel()->pan = stripPan(pansAtFirstNote[channel]);
         // The song starts at its fader level, as it does once saved and opened, rather than ramping there.
         sampler->firstOutputChannel()->snapRamps();
         sampler->midiCablesIn.add(makeMIDICable(sampler, track->firstOutputPort(), sampler->firstInputPort()));

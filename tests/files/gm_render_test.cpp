@@ -154,7 +154,7 @@ TEST_F(GmRender, AMidiFileSoundsAndTwoRendersAreBitIdentical) {
 TEST_F(GmRender, ProgramChangesChooseThePresetAndChannelTenTheDrums) {
     // Format 0 at 96: piano on channel 1, then program 41 (violin); a snare on channel 10; an unknown
     // program (bank 5) falls back to the main bank. Channel 2 pans hard left, then hard right after its
-    // first note, which its strip doesn't follow; channel 10 pans right.
+    // first note, which its sounds don't follow; channel 10 pans right.
     const std::vector<uint8_t> track = {
         0x00, 0xB1, 10, 30, 0x00, 0xB1, 10, 0, 0x00, 0xB9, 10, 127,
         0x00, 0x90, 60, 100, 0x60, 0x80, 60, 0,      // piano
@@ -178,10 +178,24 @@ TEST_F(GmRender, ProgramChangesChooseThePresetAndChannelTenTheDrums) {
     EXPECT_EQ(presets[1], bank.find(0, 40));
     EXPECT_EQ(presets[2], bank.find(128, 0));
     EXPECT_EQ(presets[3], bank.find(0, 19));
-    std::vector<float> pans;
-    for (CComp* comp : song.engine.comps)
-        if (auto* sampler = dynamic_cast<CSampler*>(comp)) pans.push_back(sampler->firstOutputChannel()->pan.load());
-    EXPECT_EQ(pans, (std::vector<float>{0.0f, 0.0f, 1.0f, -1.0f}));
+    // The channel's pan adds to each zone's own, as the preset alone makes them.
+    const float offsets[] = {0.0f, 0.0f, 1.0f, -1.0f};
+    SamplerRig alone;
+    int32_t made = 0;
+    for (CComp* comp : song.engine.comps) {
+        const auto* sampler = dynamic_cast<CSampler*>(comp);
+        if (!sampler) continue;
+        CSynthProg& reference = *files::makeSoundFontProgram(*alone.sampler, bank, *presets[static_cast<size_t>(made)]);
+        alone.sampler->programs.add(&reference);
+        const CLayer& layer = *static_cast<CSynthProg*>(sampler->programs.getAt(0))->layers.getAt(0);
+        ASSERT_EQ(layer.sounds.count(), reference.layers.getAt(0)->sounds.count());
+        for (int32_t k = 0; k < layer.sounds.count(); ++k)
+            EXPECT_EQ(layer.sounds.getAt(k)->pan,
+                      std::clamp(reference.layers.getAt(0)->sounds.getAt(k)->pan + offsets[made], -1.0f, 1.0f))
+                << "sampler " << made << " sound " << k;
+        ++made;
+    }
+    EXPECT_EQ(made, 4);
 
     EXPECT_THROW(files::GmSong(48000.0, CString((fonts / "TimGM6mb.sf2").c_str()), bank), files::SongError);
 }

@@ -83,6 +83,9 @@ CWavSound* soundFor(CSampler& sampler, const SoundFontPresetZone& presetZone, co
     sound->pan = zone.pan;
     // The gain law squares the volume: the attenuation's amplitude is its square.
     sound->volume = std::sqrt(std::pow(10.0f, -zone.attenuation / 20.0f));
+    // SoundFont players attenuate a note by 40 log10(127 / velocity) dB by default: the volume scaled by
+    // the velocity, which the gain law squares.
+    sound->vel.params[0] = {1, targetVolume, 1.0f};
     // The amplitude envelope scales the volume, which the gain law squares: its levels are square roots.
     CEnv& amp = sound->envelope[0];
     amp.attack = timeShare(amp, zone.attackSeconds);

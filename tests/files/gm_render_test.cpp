@@ -28,12 +28,13 @@ struct SamplerRig {
         sampler->createBasePorts();
         engine.addComp(sampler);
     }
-    // The peak of a note held for a third of a second at the first key and velocity the program's first
-    // sound takes; some samples swell from silence.
-    float play(int32_t program) {
+    // The peak of a note held for a third of a second at the first key the program's first sound takes,
+    // at `velocity` or the highest that sound takes; some samples swell from silence.
+    float play(int32_t program, int32_t velocity = 0) {
         sampler->setProgram(program);
         const CSound& sound = *sampler->currentProgram()->layers.getAt(0)->sounds.getAt(0);
-        sampler->postEvent(packMIDI(0x90, static_cast<uint8_t>(sound.keyLow), static_cast<uint8_t>(std::max(sound.velHigh, 1))));
+        if (velocity == 0) velocity = std::max(sound.velHigh, 1);
+        sampler->postEvent(packMIDI(0x90, static_cast<uint8_t>(sound.keyLow), static_cast<uint8_t>(velocity)));
         float peak = 0.0f;
         for (int32_t block = 0; block < 16; ++block) {
             sampler->beginCycle(1024);
@@ -96,6 +97,10 @@ TEST(SoundFontImport, ThroughAnUndoStepAndRefusingWhatIsNoFont) {
     step->apply(rig.engine);
     EXPECT_EQ(rig.sampler->programs.count(), made);
     EXPECT_FALSE(rig.sampler->samplePool.empty());
+    // A SoundFont note's level follows the square of its velocity, as SoundFont players make it.
+    const float loud = rig.play(0, 127);
+    ASSERT_GT(loud, 0.01f);
+    EXPECT_NEAR(rig.play(0, 64) / loud, (64.0f / 127.0f) * (64.0f / 127.0f), 1e-3f);
     step->revert(rig.engine);
     EXPECT_TRUE(rig.sampler->programs.empty());
     delete step;

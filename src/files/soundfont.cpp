@@ -230,6 +230,27 @@ private:
         sawPresetData_ = true;
     }
 
+    // What a preset zone adds to the generators of its instrument's zones; a local zone's value replaces
+    // the global zone's. Generators that only an instrument may hold are passed over here.
+    struct PresetAdds {
+        int32_t pan = 0, attack = 0, decay = 0, sustain = 0, release = 0, attenuation = 0, coarse = 0, fine = 0;
+
+        void apply(const SoundFontGenerator& g) {
+            const int32_t v = g.value();
+            switch (g.oper) {
+            case 17: pan = v; break;
+            case 34: attack = v; break;
+            case 36: decay = v; break;
+            case 37: sustain = v; break;
+            case 38: release = v; break;
+            case 48: attenuation = v; break;
+            case 51: coarse = v; break;
+            case 52: fine = v; break;
+            default: break;
+            }
+        }
+    };
+
     // The generator state of an instrument zone.
     struct State {
         int32_t offsets[8] = {};  // start, end, loop start, loop end: fine, then coarse
@@ -269,6 +290,17 @@ private:
             }
         }
         int64_t offset(int32_t which) const { return offsets[which * 2] + int64_t{offsets[which * 2 + 1]} * 32768; }
+
+        void add(const PresetAdds& adds) {
+            pan += adds.pan;
+            attack += adds.attack;
+            decay += adds.decay;
+            sustain += adds.sustain;
+            release += adds.release;
+            attenuation += adds.attenuation;
+            coarse += adds.coarse;
+            fine += adds.fine;
+        }
     };
 
     // Generators of bag `bag` in a bag table, within what the generator table holds.
@@ -280,7 +312,7 @@ private:
         return std::span(generators).subspan(from, to - from);
     }
 
-    std::vector<SoundFontZone> instrumentZones(size_t instrument) const {
+    std::vector<SoundFontZone> instrumentZones(size_t instrument, const PresetAdds& adds) const {
         const SoundFontBank& b = bank_;
         std::vector<SoundFontZone> zones;
         const size_t first = b.instruments[instrument].firstBag, last = b.instruments[instrument + 1].firstBag;
@@ -298,6 +330,7 @@ private:
                     continue;
                 }
                 if (g.amount + size_t{1} < b.samples.size()) {
+                    state.add(adds);
                     if (auto zone = makeZone(state, g.amount)) zones.push_back(*zone);
                 }
                 state = defaults;
@@ -332,7 +365,9 @@ private:
         zone.loop = (state.sampleModes == 1 || state.sampleModes == 3) && loopStart < loopEnd;
         zone.loopStart = static_cast<int32_t>(loopStart - start);
         zone.loopEnd = static_cast<int32_t>(loopEnd - start);
-        zone.attenuation = static_cast<float>(std::clamp(state.attenuation, 0, 1440)) * 0.1f;
+        // SoundFonts are voiced on players that attenuate 0.4 dB for each dB a file gives, the rule of the
+        // hardware the format came from; every common player follows it.
+        zone.attenuation = static_cast<float>(std::clamp(state.attenuation, 0, 1440)) * 0.1f * 0.4f;
         const auto seconds = [](int32_t timecents) { return static_cast<float>(std::exp2(std::clamp(timecents, -12000, 8000) / 1200.0)); };
         // The decay falls 100 dB in its time, linearly in dB, so it reaches the sustain level sooner.
         const int32_t sustain = std::clamp(state.sustain, 0, 1000);
@@ -347,18 +382,18 @@ private:
         SoundFontBank& b = bank_;
         if (b.presetBags.empty() || b.instrumentBags.empty() || b.samples.empty() || b.instruments.empty() || presetHeaders_.empty())
             throw Refused{"damaged preset data: a table is missing"};
-        std::vector<std::vector<SoundFontZone>> instruments(b.instruments.size() - 1);
-        for (size_t i = 0; i + 1 < b.instruments.size(); ++i) instruments[i] = instrumentZones(i);
-        b.instruments.pop_back();
-        b.samples.pop_back();
+        const size_t instrumentCount = b.instruments.size() - 1;
 
         for (size_t p = 0; p + 1 < presetHeaders_.size(); ++p) {
             SoundFontPreset preset = std::move(presetHeaders_[p]);
             SoundFontPresetZone defaults;
+            PresetAdds globalAdds;
             const size_t first = presetFirstBag_[p], last = presetFirstBag_[p + 1];
             for (size_t bag = first; bag < last && bag + 1 < b.presetBags.size(); ++bag) {
                 SoundFontPresetZone zone = defaults;
+                PresetAdds adds = globalAdds;
                 for (const SoundFontGenerator& g : generatorsOf(b.presetBags, b.presetGenerators, bag)) {
+                    adds.apply(g);
                     if (g.oper == 43) {
                         zone.keyLow = g.amount & 0xFF;
                         zone.keyHigh = std::min(g.amount >> 8, 127);
@@ -366,19 +401,24 @@ private:
                         zone.velLow = g.amount & 0xFF;
                         zone.velHigh = std::min(g.amount >> 8, 127);
                     } else if (g.oper == 41) {
-                        if (g.amount < instruments.size()) {
+                        if (g.amount < instrumentCount) {
                             zone.instrument = g.amount;
-                            zone.zones = instruments[g.amount];
+                            zone.zones = instrumentZones(g.amount, adds);
                         }
                         break;  // the instrument closes a preset zone
                     }
                 }
-                // A first zone without an instrument is global: its ranges hold for the others.
-                if (bag == first && zone.instrument < 0 && last - first > 1) defaults = zone;
+                // A first zone without an instrument is global: its ranges and additions hold for the others.
+                if (bag == first && zone.instrument < 0 && last - first > 1) {
+                    defaults = zone;
+                    globalAdds = adds;
+                }
                 preset.zones.push_back(std::move(zone));
             }
             b.presets.push_back(std::move(preset));
         }
+        b.instruments.pop_back();
+        b.samples.pop_back();
         std::stable_sort(b.presets.begin(), b.presets.end(),
                          [](const SoundFontPreset& x, const SoundFontPreset& y) { return x.preset < y.preset; });
         for (size_t i = 0; i < b.presets.size(); ++i) {

@@ -94,10 +94,13 @@ Bytes tinyFont(uint16_t versionMajor = 2) {
         gens.u16(0).u16(0);
     };
     Out pbag, pgen, ibag, igen, phdr, inst, shdr, mods;
-    bagsAndGens({{{43, 40 | (80 << 8)}, {41, 0}}, {{41, 7}}, {{44, 10 | (20 << 8)}}}, pbag, pgen);
+    // Lead: a global zone of additions (pan -0.2, 4 dB), one zone that replaces the 4 dB by 2 and tunes
+    // a semitone up, and one of a missing instrument. Kit: a zone without an instrument.
+    bagsAndGens({{{17, 0xFF9C}, {48, 40}}, {{43, 40 | (80 << 8)}, {48, 20}, {51, 1}, {41, 0}}, {{41, 7}}, {{44, 10 | (20 << 8)}}},
+                pbag, pgen);
     phdr.text("Lead", 20).u16(5).u16(0).u16(0).u32(0).u32(0).u32(0);
-    phdr.text("Kit", 20).u16(1).u16(128).u16(2).u32(0).u32(0).u32(0);
-    phdr.text("EOP", 20).u16(0).u16(0).u16(3).u32(0).u32(0).u32(0);
+    phdr.text("Kit", 20).u16(1).u16(128).u16(3).u32(0).u32(0).u32(0);
+    phdr.text("EOP", 20).u16(0).u16(0).u16(4).u32(0).u32(0).u32(0);
     bagsAndGens({{{17, 250}},
                  {{43, 0 | (59 << 8)}, {51, 2}, {52, 30}, {54, 1}, {0, 10}, {3, 0xFFCE}, {36, 1200}, {37, 200}, {53, 0}},
                  {{43, 60 | (127 << 8)}, {58, 72}, {53, 0}},
@@ -141,26 +144,30 @@ TEST(SoundFont, GeneratorsWorkOutIntoZones) {
     EXPECT_TRUE(bank.presets[0].zones[0].zones.empty());
     EXPECT_EQ(bank.presets[0].zones[0].velLow, 10);
     const auto& lead = bank.presets[1].zones;
-    ASSERT_EQ(lead.size(), 2u);
-    EXPECT_EQ(std::tie(lead[1].instrument, lead[0].keyLow, lead[0].keyHigh), std::make_tuple(-1, 40, 80));
-    ASSERT_EQ(lead[0].zones.size(), 2u);  // the zone of the missing sample is dropped
+    ASSERT_EQ(lead.size(), 3u);
+    EXPECT_EQ(std::tie(lead[0].instrument, lead[2].instrument, lead[1].keyLow, lead[1].keyHigh), std::make_tuple(-1, -1, 40, 80));
+    ASSERT_EQ(lead[1].zones.size(), 2u);  // the zone of the missing sample is dropped
 
-    const files::SoundFontZone& low = lead[0].zones[0];
-    // The root is the sample's pitch less the coarse tune; start and loop move by the offset generators.
+    const files::SoundFontZone& low = lead[1].zones[0];
+    // The root is the sample's pitch less the coarse tunes of instrument and preset; start and loop move by
+    // the offset generators.
     EXPECT_EQ(std::tie(low.rootKey, low.keyHigh, low.start, low.end, low.loop, low.loopStart, low.loopEnd),
-              std::make_tuple(62, 59, 10u, 1000u, true, 90, 840));
+              std::make_tuple(61, 59, 10u, 1000u, true, 90, 840));
     EXPECT_FLOAT_EQ(low.fine, 0.2f);  // fine tune and the sample's correction, in semitones
-    EXPECT_FLOAT_EQ(low.pan, 0.5f);  // from the global zone
+    // The instrument's global pan and the preset's add up; the preset zone's attenuation replaced its
+    // global zone's, and each of its 2 dB attenuates 0.4 dB.
+    EXPECT_FLOAT_EQ(low.pan, 0.3f);
+    EXPECT_FLOAT_EQ(low.attenuation, 0.8f);
     // A decay of 2 s falls 100 dB; to a sustain 20 dB down it takes a fifth of that.
     EXPECT_FLOAT_EQ(low.decaySeconds, 0.4f);
     EXPECT_FLOAT_EQ(low.sustainLevel, 0.1f);
     EXPECT_FLOAT_EQ(low.attackSeconds, 1.0f / 1024.0f);  // the default, -12000 timecents
 
-    const files::SoundFontZone& high = lead[0].zones[1];
-    // The root key is the zone's override.
-    EXPECT_EQ(std::tie(high.rootKey, high.keyLow, high.start, high.loop), std::make_tuple(72, 60, 0u, false));
+    const files::SoundFontZone& high = lead[1].zones[1];
+    // The root key is the zone's override, less the preset's coarse tune.
+    EXPECT_EQ(std::tie(high.rootKey, high.keyLow, high.start, high.loop), std::make_tuple(71, 60, 0u, false));
     EXPECT_FLOAT_EQ(high.fine, -0.1f);
-    EXPECT_FLOAT_EQ(high.pan, 0.5f);
+    EXPECT_FLOAT_EQ(high.pan, 0.3f);
     ASSERT_EQ(bank.sampleData.size(), 1046u);
     EXPECT_EQ(bank.sampleData[999], 999);
 }

@@ -20,6 +20,8 @@ constexpr int32_t drumBank = 128;
 constexpr int32_t tailTicks = 2 * 2 * ticksPerQuarter;  // two seconds at 120 BPM
 constexpr int32_t channelVolume = 7;
 constexpr int32_t channelPan = 10;
+constexpr int32_t expression = 11;
+constexpr int32_t defaultVolume = 100;  // a General MIDI channel's volume until the file sets one
 constexpr int32_t dataEntry = 6, parameterLow = 100, parameterHigh = 101;
 constexpr int32_t defaultBendRange = 2;  // semitones, until registered parameter 0 says otherwise
 // Sixteen channels at full level pass full scale: each sampler's fader stands at -12 dB.
@@ -63,11 +65,31 @@ const SoundFontPreset* choosePreset(const SoundFontBank& bank, int32_t channel, 
     return bank.presets.empty() ? nullptr : &bank.presets.front();
 }
 
-// One track and its sampler: the notes of one channel on one preset.
+// One track and its sampler: the notes of one channel on one preset, and the channel's volume and
+// expression as automation of the sampler's fader.
 struct VoiceTrack {
     CMIDIPart* part = nullptr;
     CEventRec* tail = nullptr;
     int64_t tailTick = 0;
+    CAutomationRec* lastPoint = nullptr;
+    int64_t lastPointTick = 0;
+    COutputChannel* strip = nullptr;
+
+    // A step of the fader at `tick`; a later step at the same tick replaces it.
+    void setFader(int64_t tick, float value) {
+        if (lastPoint && tick == lastPointTick) {
+            lastPoint->value = value;
+            return;
+        }
+        auto* point = new CAutomationRec();
+        point->value = value;
+        point->shape = 1;
+        point->delta = static_cast<uint32_t>(tick - lastPointTick);
+        lastPointTick = tick;
+        if (lastPoint) lastPoint->next = point;
+        else part->automation[0] = point;
+        lastPoint = point;
+    }
 
     void append(int64_t tick, uint32_t message, int32_t duration) {
         auto* event = new CMIDIEventRec();
@@ -168,16 +190,20 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
         CSynthProg* program = makeSoundFontProgram(*sampler, bank, *presetOf[i]);
         for (CLayer* layer : program->layers)
             for (CSound* sound : layer->sounds) {
-                sound->ccMap[channelVolume] = targetVolume;
                 sound->pan = std::clamp(sound->pan + panOffset(pansAtFirstNote[channel]), -1.0f, 1.0f);
                 sound->bendRange = bendRanges[channel];
             }
         sampler->programs.add(program);
-        sampler->firstOutputChannel()->volume = faderPosition;
-        // The song starts at its fader level, as it does once saved and opened, rather than ramping there.
-        sampler->firstOutputChannel()->snapRamps();
         sampler->midiCablesIn.add(makeMIDICable(sampler, track->firstOutputPort(), sampler->firstInputPort()));
         out->audioCablesIn.add(makeAudioCable(out, sampler->firstOutputChannel(), out->firstInputChannel()));
+
+        // Channel volume and expression drive the fader rather than the sounds' volume, which holds the
+        // zones' attenuation and which a controller would set outright.
+        auto* lane = new CSubTrack(laneAutomation);
+        lane->slot = 0;
+        lane->controller = stripparam::volume;
+        lane->target = sampler->firstOutputChannel();
+        track->subTracks.add(lane);
 
         CSongTrack& songTrack = *prog.songTrackOf(track);
         auto* part = new CMIDIPart();
@@ -186,20 +212,42 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
         part->songTrack = &songTrack;
         songTrack.parts.add(part);
         at->second.part = part;
+        at->second.strip = sampler->firstOutputChannel();
         byChannel[channel].push_back(&at->second);
         ++samplers_;
         presets_.push_back(presetOf[i]);
     }
 
+    // The fader follows the square law, as the controllers' gain does: the product of the two levels.
+    int32_t volumes[16], expressions[16];
+    std::fill(std::begin(volumes), std::end(volumes), defaultVolume);
+    std::fill(std::begin(expressions), std::end(expressions), 127);
+    const auto fader = [&](uint32_t channel) {
+        return faderPosition * static_cast<float>(volumes[channel]) / 127.0f * static_cast<float>(expressions[channel]) / 127.0f;
+    };
+    for (uint32_t channel = 0; channel < 16; ++channel)
+        for (VoiceTrack* voice : byChannel[channel]) voice->setFader(0, fader(channel));
+
     // Notes to their own track; what else a channel says, to all of its tracks.
     for (size_t i = 0; i < events.size(); ++i) {
         const Event& e = events[i];
-        const uint32_t kind = e.message & 0xF0, channel = e.message & 0x0F;
+        const uint32_t kind = e.message & 0xF0, channel = e.message & 0x0F, data1 = (e.message >> 8) & 0x7F;
+        const auto data2 = static_cast<int32_t>((e.message >> 16) & 0x7F);
         if (presetOf[i]) {
             voices[{channel, presetOf[i]}].append(e.tick, e.message, e.duration);
+        } else if (kind == 0xB0 && (data1 == channelVolume || data1 == expression)) {
+            (data1 == channelVolume ? volumes : expressions)[channel] = data2;
+            for (VoiceTrack* voice : byChannel[channel]) voice->setFader(e.tick, fader(channel));
         } else if (kind == 0xB0 || kind == 0xD0 || kind == 0xE0 || kind == 0xA0) {
             for (VoiceTrack* voice : byChannel[channel]) voice->append(e.tick, e.message, e.duration);
         }
+    }
+
+    // The song starts at its faders' first levels, as it does once saved and opened, rather than ramping
+    // there.
+    for (auto& [key, voice] : voices) {
+        voice.strip->volume = static_cast<const CAutomationRec*>(voice.part->automation[0])->value;
+        voice.strip->snapRamps();
     }
 }
 

@@ -12,6 +12,7 @@
 #include "files/gm_song.h"
 #include "engine/io.h"
 #include "files/soundfont_import.h"
+#include "seq/seq.h"
 #include "sound/sampler.h"
 #include "sound/wav_sound.h"
 
@@ -159,10 +160,11 @@ TEST_F(GmRender, AMidiFileSoundsAndTwoRendersAreBitIdentical) {
 TEST_F(GmRender, ProgramChangesChooseThePresetAndChannelTenTheDrums) {
     // Format 0 at 96: piano on channel 1, then program 41 (violin); a snare on channel 10; an unknown
     // program (bank 5) falls back to the main bank. Channel 2 pans hard left, then hard right after its
-    // first note, which its sounds don't follow; channel 10 pans right.
+    // first note, which its sounds don't follow; channel 10 pans right. Channel 1 sets its volume to 64,
+    // then its expression to 100.
     const std::vector<uint8_t> track = {
-        0x00, 0xB1, 10, 30, 0x00, 0xB1, 10, 0, 0x00, 0xB9, 10, 127,
-        0x00, 0x90, 60, 100, 0x60, 0x80, 60, 0,      // piano
+        0x00, 0xB1, 10, 30, 0x00, 0xB1, 10, 0, 0x00, 0xB9, 10, 127, 0x00, 0xB0, 7, 64,
+        0x00, 0x90, 60, 100, 0x60, 0x80, 60, 0, 0x00, 0xB0, 11, 100,  // piano
         0x00, 0xC0, 40, 0x00, 0x90, 62, 100,         // violin
         0x00, 0x99, 38, 100, 0x60, 0x89, 38, 0,      // snare
         0x00, 0x80, 62, 0,
@@ -183,21 +185,51 @@ TEST_F(GmRender, ProgramChangesChooseThePresetAndChannelTenTheDrums) {
     EXPECT_EQ(presets[1], bank.find(0, 40));
     EXPECT_EQ(presets[2], bank.find(128, 0));
     EXPECT_EQ(presets[3], bank.find(0, 19));
-    // The channel's pan adds to each zone's own, as the preset alone makes them.
+    // Volume and expression step each sampler's fader, from -12 dB at the General MIDI default of 100.
+    const auto fader = [](float volume, float expression) { return 0.5f * volume / 127.0f * expression / 127.0f; };
+    const std::vector<std::vector<std::pair<int64_t, float>>> faderSteps = {
+        {{0, fader(64, 127)}, {960, fader(64, 100)}}, {{0, fader(64, 127)}, {960, fader(64, 100)}}, {{0, fader(100, 127)}},
+        {{0, fader(100, 127)}}};
+    const CSeq* seq = nullptr;
+    for (CComp* comp : song.engine.comps)
+        if (!seq) seq = dynamic_cast<const CSeq*>(comp);
+    ASSERT_NE(seq, nullptr);
+    const auto stepsOf = [&](const COutputChannel* strip) {
+        std::vector<std::pair<int64_t, float>> steps;
+        for (CTrack* track : seq->tracks)
+            for (const CSubTrack* lane : track->subTracks) {
+                if (lane->target != strip) continue;
+                int64_t tick = 0;
+                const CPart& part = *seq->currentProg()->songTrackOf(track)->parts.getAt(0);
+                for (const CEventRec* point = part.automation[lane->slot]; point; point = point->next)
+                    steps.emplace_back(tick += point->delta, static_cast<const CAutomationRec*>(point)->value);
+            }
+        return steps;
+    };
+    // The channel's pan adds to each zone's own, as the preset alone makes them, and a volume message
+    // leaves the zones' attenuation in the sounds.
     const float offsets[] = {0.0f, 0.0f, 1.0f, -1.0f};
     SamplerRig alone;
     int32_t made = 0;
     for (CComp* comp : song.engine.comps) {
-        const auto* sampler = dynamic_cast<CSampler*>(comp);
+        auto* sampler = dynamic_cast<CSampler*>(comp);
         if (!sampler) continue;
+        const COutputChannel* strip = sampler->firstOutputChannel();
+        EXPECT_EQ(stepsOf(strip), faderSteps[static_cast<size_t>(made)]) << "sampler " << made;
+        EXPECT_FLOAT_EQ(strip->volume.load(), faderSteps[static_cast<size_t>(made)].front().second);
+        sampler->postEvent(packMIDI(0xB0, 7, 127));
+        sampler->beginCycle(1024);
+        sampler->processBlock(1024);
         CSynthProg& reference = *files::makeSoundFontProgram(*alone.sampler, bank, *presets[static_cast<size_t>(made)]);
         alone.sampler->programs.add(&reference);
         const CLayer& layer = *static_cast<CSynthProg*>(sampler->programs.getAt(0))->layers.getAt(0);
         ASSERT_EQ(layer.sounds.count(), reference.layers.getAt(0)->sounds.count());
-        for (int32_t k = 0; k < layer.sounds.count(); ++k)
-            EXPECT_EQ(layer.sounds.getAt(k)->pan,
-                      std::clamp(reference.layers.getAt(0)->sounds.getAt(k)->pan + offsets[made], -1.0f, 1.0f))
-                << "sampler " << made << " sound " << k;
+        for (int32_t k = 0; k < layer.sounds.count(); ++k) {
+            const CSound& sound = *layer.sounds.getAt(k);
+            const CSound& preset = *reference.layers.getAt(0)->sounds.getAt(k);
+            EXPECT_EQ(sound.pan, std::clamp(preset.pan + offsets[made], -1.0f, 1.0f)) << "sampler " << made << " sound " << k;
+            EXPECT_EQ(sound.volume, preset.volume) << "sampler " << made << " sound " << k;
+        }
         ++made;
     }
     EXPECT_EQ(made, 4);

@@ -28,7 +28,15 @@ using ClipCache = std::map<ClipKey, CSampleClip*>;
 // A SoundFont's release is the time of a 96 dB fall at an even rate in decibels, so 60 dB, past which a
 // tail is lost under any music, go by in 60/96 of it. The envelope here releases linearly in its level,
 // which the gain law squares, and is 60 dB down only at its very end: it gets that share of the time.
+// (A release runs with the curve of the stage it leaves, and the sustain's is straight.)
 constexpr float releaseShare = 60.0f / 96.0f;
+// A SoundFont decay falls at an even rate in decibels. A curved decay segment comes within a decibel of
+// that on average down to -50 dB with a curve of 0.03 + 0.0037 D for a fall of D dB (fitted over falls
+// of 6 to 100 dB), where a straight one strays by up to 20.
+float decayCurve(float sustainLevel) {
+    const float depth = -20.0f * std::log10(std::max(sustainLevel, 1e-5f));
+    return std::clamp(0.03f + 0.0037f * depth, 0.0f, 1.0f);
+}
 
 // An envelope time x lasts x² of the envelope's time scale.
 float timeShare(const CEnv& envelope, float seconds) {
@@ -92,6 +100,7 @@ CWavSound* soundFor(CSampler& sampler, const SoundFontPresetZone& presetZone, co
     amp.decay = timeShare(amp, zone.decaySeconds);
     amp.sustain = std::sqrt(zone.sustainLevel);
     amp.releaseTime = timeShare(amp, zone.releaseSeconds * releaseShare);
+    amp.dc = decayCurve(zone.sustainLevel);
     sound->setBlockSize(sampler.engine ? sampler.engine->blockSize : 1024);
     sound->setSampleRate(sampler.engine ? sampler.engine->sampleRate : 44100.0f);
     return sound;

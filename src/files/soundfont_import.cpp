@@ -38,6 +38,9 @@ float decayCurve(float sustainLevel) {
     return std::clamp(0.03f + 0.0037f * depth, 0.0f, 1.0f);
 }
 
+// The longest envelope time scale, in ms: beyond the longest time a SoundFont can give.
+constexpr int32_t maxTimeScale = 120000;
+
 // An envelope time x lasts x² of the envelope's time scale.
 float timeShare(const CEnv& envelope, float seconds) {
     const float scale = envelope.timeScale > 0 ? static_cast<float>(envelope.timeScale) * 0.001f : 5.0f;
@@ -96,6 +99,10 @@ CWavSound* soundFor(CSampler& sampler, const SoundFontPresetZone& presetZone, co
     sound->vel.params[0] = {1, targetVolume, 1.0f};
     // The amplitude envelope scales the volume, which the gain law squares: its levels are square roots.
     CEnv& amp = sound->envelope[0];
+    // Times past the envelope's usual scale (a piano's decay of twenty seconds) widen the scale rather
+    // than being cut short.
+    const float longest = std::max({zone.attackSeconds, zone.decaySeconds, zone.releaseSeconds * releaseShare});
+    amp.timeScale = std::clamp(static_cast<int32_t>(std::ceil(longest * 1000.0f / 0.998f)), amp.timeScale, maxTimeScale);
     amp.attack = timeShare(amp, zone.attackSeconds);
     amp.decay = timeShare(amp, zone.decaySeconds);
     amp.sustain = std::sqrt(zone.sustainLevel);

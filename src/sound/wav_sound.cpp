@@ -744,10 +744,10 @@ struct GroupLane {
     // Kept out of line: stereo jobs are rare in a General MIDI render, whose voices come through here.
     [[gnu::noinline]] void fillStereoInput() { PcmSource{job.pcm, job.base, job.rate}.fillStereo(inputL, inputR, job.frames); }
 
-    // Renders `count` frames of the job alone, and steps past them.
+    // Renders `count` frames of a mono job alone, and steps past them: a stereo lane never runs alone,
+    // since its two filters keep each other company.
     void runAlone(int32_t count) {
-        if (job.channels == 2) runSegment<2, filterLow, false>(job, inputL, inputR, done, count);
-        else runSegment<1, filterLow, false>(job, inputL, inputL, done, count);
+        runSegment<1, filterLow, false>(job, inputL, inputL, done, count);
         stepPast(count);
     }
 

@@ -58,7 +58,7 @@ TEST(SoundFontImport, EveryPresetOfTheDebianFontsImportsAndSounds) {
     for (const char* name : {"TimGM6mb.sf2", "FluidR3_GM.sf2"}) {
         SCOPED_TRACE(name);
         const auto path = fonts / name;
-        if (!std::filesystem::exists(path)) GTEST_SKIP() << "scripts/bootstrap installs the SoundFonts";
+        ASSERT_TRUE(std::filesystem::exists(path)) << "scripts/bootstrap installs the SoundFonts";
         files::SoundFontBank bank;
         ASSERT_TRUE(files::readSoundFont(bank, CString(path.c_str())));
         SamplerRig rig;
@@ -123,7 +123,7 @@ TEST(SoundFontImport, DecayFallsEvenlyInDecibels) {
 
 TEST(SoundFontImport, ThroughAnUndoStepAndRefusingWhatIsNoFont) {
     const auto path = fonts / "TimGM6mb.sf2";
-    if (!std::filesystem::exists(path)) GTEST_SKIP() << "scripts/bootstrap installs the SoundFonts";
+    ASSERT_TRUE(std::filesystem::exists(path)) << "scripts/bootstrap installs the SoundFonts";
     SamplerRig rig;
     CUndo* step = beginUndo(rig.engine, "Import", rig.sampler, 0);
     const int32_t made = files::importSoundFont(*rig.sampler, CString(path.c_str()), step);
@@ -150,8 +150,8 @@ TEST(SoundFontImport, ThroughAnUndoStepAndRefusingWhatIsNoFont) {
 class GmRender : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (!std::filesystem::exists(fonts / "TimGM6mb.sf2") || !std::filesystem::exists(mmaExamples))
-            GTEST_SKIP() << "scripts/bootstrap installs the SoundFonts and the MIDI files";
+        ASSERT_TRUE(std::filesystem::exists(fonts / "TimGM6mb.sf2") && std::filesystem::exists(mmaExamples))
+            << "scripts/bootstrap installs the SoundFonts and the MIDI files";
         ASSERT_TRUE(files::readSoundFont(bank, CString((fonts / "TimGM6mb.sf2").c_str())));
         dir = std::filesystem::temp_directory_path() / ("vantrell_gm_" + std::to_string(std::random_device{}()));
         std::filesystem::create_directories(dir);

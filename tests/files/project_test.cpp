@@ -2,7 +2,9 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -222,6 +224,175 @@ TEST(Project, SaveOpenAndSaveAgainGiveTheSameBytes) {
     for (int32_t lane = 1; lane <= 4; ++lane) EXPECT_EQ(instrument->subTracks.getAt(lane)->target, targets[lane - 1]) << lane;
     ASSERT_EQ(sampler->midiCablesIn.count(), 1);
     EXPECT_EQ(sampler->midiCablesIn.getAt(0)->output, instrument->firstOutputPort());
+}
+
+// A block as the bytes hold it, read straight from them so that the writer is held against the file's
+// layout and not against its own reader, which shares its field order.
+struct RawBlock {
+    std::string tag;
+    uint32_t declared;
+    std::vector<uint8_t> payload;
+};
+
+std::vector<RawBlock> rawBlocks(const std::vector<uint8_t>& bytes, size_t at, size_t end) {
+    const auto word = [&](size_t p) {
+        uint32_t v;
+        std::memcpy(&v, &bytes[p], 4);
+        return v;
+    };
+    std::vector<RawBlock> blocks;
+    while (at + 8 <= end) {
+        const size_t length = word(at), start = at + 8 + length;
+        std::string tag(bytes.begin() + static_cast<ptrdiff_t>(at + 4), bytes.begin() + static_cast<ptrdiff_t>(at + 4 + length));
+        const uint32_t declared = word(at + 4 + length);
+        const size_t held = tag == "tempo" ? 24 : declared;  // "tempo" declares 32 and holds 24
+        if (start + held > end) {
+            ADD_FAILURE() << "block '" << tag << "' runs past its parent";
+            break;
+        }
+        blocks.push_back({std::move(tag), declared, {bytes.begin() + static_cast<ptrdiff_t>(start), bytes.begin() + static_cast<ptrdiff_t>(start + held)}});
+        at = start + held;
+    }
+    return blocks;
+}
+
+std::vector<const RawBlock*> tagged(const std::vector<RawBlock>& blocks, const std::string& tag) {
+    std::vector<const RawBlock*> found;
+    for (const RawBlock& block : blocks)
+        if (block.tag == tag) found.push_back(&block);
+    return found;
+}
+
+TEST(Project, EveryBlockLaysItsFieldsOutAsTheFormatSays) {
+    using bytestest::Bytes;
+    FullProject project;
+    const std::vector<uint8_t> file = saved(project.engine, &project.mixer);
+    ASSERT_GT(file.size(), 7u);
+    EXPECT_EQ(std::vector<uint8_t>(file.begin(), file.begin() + 7), Bytes().text("QV3").data);
+    const std::vector<RawBlock> top = rawBlocks(file, 7, file.size());
+
+    // The top level in write order (blocks the program has no use for yet stay out).
+    const std::vector<std::string> order = {"bpm", "loop", "timeSig", "audiodir", "samples2", "comp2", "mixer", "mixed",
+                                            "ac", "mc", "ccplay", "ccstop", "ccrew", "ccrec", "ccbpm", "automap"};
+    size_t last = 0;
+    for (const RawBlock& block : top) {
+        const auto at = std::find(order.begin(), order.end(), block.tag);
+        if (at == order.end()) continue;
+        const size_t place = static_cast<size_t>(at - order.begin());
+        EXPECT_GE(place, last) << "'" << block.tag << "' out of order";
+        last = std::max(last, place);
+    }
+    const auto one = [&](const std::vector<RawBlock>& blocks, const char* tag) -> std::vector<uint8_t> {
+        const auto found = tagged(blocks, tag);
+        if (found.size() != 1) {
+            ADD_FAILURE() << found.size() << " blocks '" << tag << "'";
+            return {};
+        }
+        EXPECT_EQ(found[0]->declared, found[0]->payload.size()) << tag;
+        return found[0]->payload;
+    };
+    CQV& engine = project.engine;
+    EXPECT_EQ(one(top, "bpm"), Bytes().f32(133.0f).data);
+    EXPECT_EQ(one(top, "loop"), Bytes().u32(0).data);
+    EXPECT_EQ(one(top, "timeSig"), Bytes().u32(3).u32(8).data);
+    EXPECT_EQ(one(top, "audiodir"), Bytes().text("song_audio").data);
+    EXPECT_EQ(one(top, "samples2"), Bytes().u32(0).data);
+    Bytes place, automap, play;
+    for (int32_t value : project.mixer.editorPlace) place.i32(value);
+    EXPECT_EQ(one(top, "mixed"), place.data);
+    automap.u32(16);
+    for (const auto& slot : engine.modSlots) automap.u32(static_cast<uint32_t>(slot.cc));
+    EXPECT_EQ(one(top, "automap"), automap.data);
+    EXPECT_EQ(one(top, "ccplay"), Bytes().i32(20).data);
+    // The group channel into Audio Out (component 2): from the group list, to the component list.
+    const std::vector<uint8_t> groupCable = Bytes().u8(2).u32(0).u8(0).u8(0).u32(2).u8(0).data;
+    const auto cables = tagged(top, "ac");
+    EXPECT_TRUE(std::any_of(cables.begin(), cables.end(), [&](const RawBlock* c) { return c->payload == groupCable; }));
+    for (const RawBlock* cable : cables) EXPECT_EQ(cable->declared, 12u);
+
+    // The frames: the engine first as class 0, then the components as class 1, then the group as class 3.
+    const auto frames = tagged(top, "comp2");
+    ASSERT_EQ(frames.size(), 1u + static_cast<size_t>(engine.comps.count()) + 1u);
+    const auto head = [](const CComp& comp, uint8_t frameClass) {
+        return Bytes().u8(static_cast<uint32_t>(comp.kind)).u8(static_cast<uint32_t>(comp.subKind)).u8(frameClass)
+            .i32(comp.x).i32(comp.y).text(comp.name.c_str()).i32(comp.power.load()).u32(comp.flags.load()).u32(0).u32(0).data;
+    };
+    const auto startsWith = [](const std::vector<uint8_t>& bytes, const std::vector<uint8_t>& prefix) {
+        return bytes.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), bytes.begin());
+    };
+    EXPECT_TRUE(startsWith(frames[0]->payload, head(engine, 0)));
+    for (int32_t k = 0; k < engine.comps.count(); ++k)
+        EXPECT_TRUE(startsWith(frames[1 + static_cast<size_t>(k)]->payload, head(*engine.comps.getAt(k), 1))) << k;
+    EXPECT_TRUE(startsWith(frames.back()->payload, head(*engine.groupChannels.getAt(0), 3)));
+
+    // The sequencer's own blocks, behind its frame's head.
+    CSeq& seq = *sequencerOf(engine);
+    const std::vector<uint8_t>& seqFrame = frames[1 + static_cast<size_t>(engine.comps.indexOf(&seq))]->payload;
+    const auto inner = rawBlocks(seqFrame, head(seq, 1).size(), seqFrame.size());
+    const std::vector<uint8_t> snap = one(inner, "snap");
+    ASSERT_EQ(snap.size(), 8u);
+    EXPECT_EQ(std::vector<uint8_t>(snap.begin() + 4, snap.end()), Bytes().u32(5).data);
+
+    const auto tracks = tagged(inner, "track");
+    ASSERT_EQ(tracks.size(), 4u);
+    const CTrack& instrument = *seq.tracks.getAt(1);
+    EXPECT_EQ(tracks[1]->declared, 44 + instrument.name.length());
+    EXPECT_EQ(tracks[1]->payload, Bytes().i32(instrument.type).u32(instrument.flags.load()).text(instrument.name.c_str())
+                                      .i32(instrument.height).i32(instrument.expandedHeight).i32(0).i32(0)
+                                      .u8(0).u8(255).u8(instrument.monitor).u8(instrument.recordChannels)
+                                      .i32(instrument.noteHeight).i32(instrument.transpose).u32(0).data);
+    EXPECT_EQ(tagged(inner, "trackCol")[1]->payload, Bytes().u32(0x123456).data);
+    Bytes groove;
+    groove.f32(instrument.grooveSwing).f32(instrument.grooveAmount).u32(0).u32(0).f32(instrument.grooveStrength)
+        .i32(instrument.grooveGrid).i32(3).f32(instrument.grooveValues[0]).f32(instrument.grooveValues[1]).f32(0.7f);
+    EXPECT_EQ(tagged(inner, "trackGroove")[1]->payload, groove.data);
+
+    const CSeqProg& prog = *seq.prog(0);
+    const auto progs = tagged(inner, "prog");
+    ASSERT_EQ(progs.size(), 2u);
+    EXPECT_EQ(progs[0]->payload, Bytes().f32(0.0f).u8(prog.loopOn).i32(prog.leftLocator).i32(prog.rightLocator)
+                                     .text(prog.name.c_str()).data);
+    EXPECT_EQ(progs[0]->declared, 17 + prog.name.length());
+    // The MIDI part became a ghost of a source the sequencer holds, which carries the events.
+    const auto parts = tagged(inner, "part");
+    ASSERT_EQ(seq.ghostSources.count(), 1);
+    const CPart& source = *seq.ghostSources.getAt(0);
+    const auto partHead = [](const CPart& part, uint8_t inTrack, uint32_t ghost) {
+        return Bytes().u8(2).u8(static_cast<uint32_t>(part.subKind)).u8(inTrack).u32(ghost).i32(part.start)
+            .i32(part.offset).i32(part.length).u32(0).text(part.name.c_str()).data;
+    };
+    const auto hasPart = [&](const std::vector<uint8_t>& expected) {
+        return std::any_of(parts.begin(), parts.end(), [&](const RawBlock* b) { return b->payload == expected; });
+    };
+    EXPECT_TRUE(hasPart(partHead(source, 0, 0xFFFFFFFF))) << "the ghost source, outside the song tracks";
+    EXPECT_TRUE(hasPart(partHead(*prog.songTracks.getAt(1)->parts.getAt(0), 1, 0))) << "a ghost in its song track";
+    for (const RawBlock* part : parts) EXPECT_EQ(part->declared, part->payload.size());
+    const std::vector<uint8_t> notes = tagged(inner, "mevents")[0]->payload;
+    const std::vector<uint8_t> firstNote = Bytes().u32(41).u32(0).u8(0).u32(packMIDI(0x90, 48, 0)).u32(180).u8(0)
+                                               .u32(packMIDI(0x90, 49, 100)).u32(121).data;
+    EXPECT_TRUE(startsWith(notes, firstNote)) << "a note-on of velocity 0 carries no duration";
+    // Automation: slot, count, then delta, flags, value, curve, shape.
+    EXPECT_TRUE(startsWith(tagged(inner, "amevents")[0]->payload,
+                           Bytes().u32(2).u32(5).u32(240).u8(0).f32(0.8f).f32(0.1f).u8(0).data));
+    // Drums: delta, pad, flags, duration, then only the values off their defaults.
+    EXPECT_TRUE(startsWith(tagged(inner, "devents")[0]->payload,
+                           Bytes().u32(8).u32(0).u8(0).u8(0).u32(240).u8(1).u8(1).f32(-0.5f)
+                               .u32(240).u8(1).u8(0).u32(240).u8(1).u8(0).f32(0.5f).data));
+    const auto clips = tagged(inner, "aevents");
+    ASSERT_EQ(clips.size(), 1u);
+    EXPECT_EQ(clips[0]->payload.size(), 4u + 80u);
+
+    // The timeline of the arrangement.
+    EXPECT_EQ(one(inner, "marker"), Bytes().text("Chorus").u8(0).u8(0).u8(0).u8(0).i32(3840).i32(960).u32(0x00040004)
+                                        .f32(120.0f).zeros(12).data);
+    EXPECT_EQ(one(inner, "amarker"), Bytes().i32(0).data);
+    const CTimesigPart& signature = *prog.signatures.getAt(0);
+    EXPECT_EQ(one(inner, "timesig"), Bytes().text(signature.name.c_str()).i32(7680).i32(signature.length).i32(7)
+                                         .i32(signature.denominator).f32(-1.0f).zeros(12).data);
+    const auto tempos = tagged(inner, "tempo");
+    ASSERT_EQ(tempos.size(), 1u);
+    EXPECT_EQ(tempos[0]->declared, 32u);
+    EXPECT_EQ(tempos[0]->payload, Bytes().i32(1920).i32(prog.tempos.getAt(0)->length).f32(97.5f).zeros(12).data);
 }
 
 TEST(Project, DamagedFilesLoadWhatTheyCanAndNeverCrash) {

@@ -115,9 +115,11 @@ bool CSample::walkWav(std::FILE* f, int64_t length) {
     while (position + 8 <= length) {
         uint8_t chunk[8];
         if (!seekTo(f, position) || !readExact(f, chunk, 8)) break;
-        const uint32_t size = le32(chunk + 4);
-        if (static_cast<int32_t>(size) < 0) break;
         const int64_t body = position + 8;
+        uint32_t size = le32(chunk + 4);
+        // Programs that write to a pipe can't go back to fill in the size and leave 0xFFFFFFFF; a data
+        // chunk is read as far as the file really goes, whatever its header claims.
+        if (std::memcmp(chunk, "data", 4) == 0) size = static_cast<uint32_t>(std::min<int64_t>(size, length - body));
         const int64_t end = body + size;
         if (std::memcmp(chunk, "fmt ", 4) == 0) {
             uint8_t fmt[40] = {};
@@ -149,8 +151,8 @@ bool CSample::walkWav(std::FILE* f, int64_t length) {
             if (streamed) {
                 dataOffset = body;
                 dataBytes = 0;
-            } else if (!readData(f, static_cast<int64_t>(frames) * frameBytes, length - body)) {
-                return false;
+            } else {
+                readData(f, static_cast<int64_t>(frames) * frameBytes);
             }
             valid = 1;
             loop = loopOff;
@@ -174,6 +176,8 @@ bool CSample::walkWav(std::FILE* f, int64_t length) {
 
 bool CSample::walkAiff(std::FILE* f, int64_t length) {
     bool haveCommon = false;
+    // Bytes of sound the file really holds, which bound the frames the common chunk declares.
+    int64_t soundBytes = -1;
     int64_t position = 12;
     while (position + 8 <= length) {
         uint8_t chunk[8];
@@ -210,11 +214,14 @@ bool CSample::walkAiff(std::FILE* f, int64_t length) {
             if (!haveCommon) frames = 0;
             const int64_t start = body + 8 + be32(header);
             const int32_t frameBytes = bits / 8 * channels;
-            const int64_t bytes = std::min<int64_t>(int64_t{size} - 8 - be32(header), int64_t{frames} * frameBytes);
+            soundBytes = std::clamp<int64_t>(std::min(int64_t{size} - 8 - be32(header), length - start), 0, maxFrameIndex);
+            const int64_t bytes = std::min<int64_t>(soundBytes, int64_t{frames} * frameBytes);
             if (streamed) {
                 dataOffset = start;
-            } else if (!seekTo(f, start) || !readData(f, std::max<int64_t>(bytes, 0), length - start)) {
+            } else if (!seekTo(f, start)) {
                 return false;
+            } else {
+                readData(f, bytes);
             }
             if (!streamed && bits != 32) {
                 // 16 and 24 bits are held little-endian in memory.
@@ -227,14 +234,14 @@ bool CSample::walkAiff(std::FILE* f, int64_t length) {
         }
         position = nextChunk(f, end, size, length);
     }
+    if (soundBytes >= 0) frames = static_cast<int32_t>(std::min<int64_t>(frames, soundBytes / (bits / 8 * channels)));
     return true;
 }
 
-bool CSample::readData(std::FILE* f, int64_t bytes, int64_t available) {
-    const int64_t held = std::clamp<int64_t>(std::min(bytes, available), 0, std::numeric_limits<int32_t>::max());
-    data = std::make_unique<uint8_t[]>(static_cast<size_t>(std::max<int64_t>(held, 1)));
+void CSample::readData(std::FILE* f, int64_t bytes) {
+    const int64_t held = std::clamp<int64_t>(bytes, 0, std::numeric_limits<int32_t>::max());
+    data = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(std::max<int64_t>(held, 1)));
     dataBytes = static_cast<int64_t>(std::fread(data.get(), 1, static_cast<size_t>(held), f));
-    return true;
 }
 
 void CSample::adopt(std::unique_ptr<uint8_t[]> bytes, int64_t byteCount) {

@@ -8,10 +8,6 @@
 #include <tuple>
 #include <vector>
 
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "core/temp_folder.h"
 #include "engine/engine.h"
 #include "engine/undo.h"
@@ -283,48 +279,6 @@ TEST(MidiImport, DamagedFilesKeepWhatCameBefore) {
         ASSERT_EQ(notesNow[0].size(), 1u);
         EXPECT_GT(notesNow[0][0].tick, 0);
         EXPECT_LE(notesNow[0][0].tick, int64_t{1} << 30);
-    }
-}
-
-// Peak resident memory of a child that imports `path` above that of one that doesn't, in MB, and whether
-// the import found a MIDI file with notes in it.
-std::pair<int64_t, bool> importInChild(const std::string& path) {
-    const auto run = [&](bool import) {
-        const pid_t child = fork();
-        if (child == 0) {
-            bool notes = false;
-            if (import) {
-                Song song;
-                notes = !files::importMIDI(*song.seq, nullptr, CString(path.c_str()), nullptr, 0).newParts.empty();
-            }
-            _exit(notes ? 1 : 0);
-        }
-        int status = 0;
-        rusage usage{};
-        wait4(child, &status, 0, &usage);
-        return std::pair<int64_t, bool>{usage.ru_maxrss / 1024, WIFEXITED(status) && WEXITSTATUS(status) == 1};
-    };
-    const auto [idle, none] = run(false);
-    const auto [peak, notes] = run(true);
-    return {peak - idle, notes};
-}
-
-// A file is known as MIDI by its header before anything is sized from it, and read for what it really
-// holds: a directory and a big sparse file cost nothing, and a song behind a large foreign chunk still
-// imports.
-TEST(MidiImport, FilesAreRecognisedBeforeTheyAreRead) {
-    TempFolder dir;
-    const std::string sparse = dir.file("sparse.mid"), padded = dir.file("padded.mid");
-    std::ofstream(sparse).close();
-    std::filesystem::resize_file(sparse, uintmax_t{2} << 30);
-    const Bytes song = file({header(0, 1, 96), chunk("XFIL", Bytes(3 << 19, 0)),
-                             chunk("MTrk", {0x00, 0x90, 0x3C, 0x64, 0x60, 0x80, 0x3C, 0x00})});
-    std::ofstream(padded, std::ios::binary).write(reinterpret_cast<const char*>(song.data()), static_cast<std::streamsize>(song.size()));
-    const std::tuple<std::string, bool> rows[] = {{dir.file(""), false}, {sparse, false}, {padded, true}};
-    for (const auto& [path, notes] : rows) {
-        const auto [megabytes, imported] = importInChild(path);
-        EXPECT_LT(megabytes, 64) << path;
-        EXPECT_EQ(imported, notes) << path;
     }
 }
 

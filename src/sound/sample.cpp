@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <string>
 
 namespace {
 
@@ -32,6 +33,14 @@ int64_t nextChunk(std::FILE* f, int64_t end, uint32_t size, int64_t length) {
     uint8_t id[4];
     if (seekTo(f, end) && readExact(f, id, 4) && isChunkId(id)) return end;
     return end + 1;
+}
+
+// The highest sample rate recordings are made at. A header beyond it is damage, and playing it would
+// walk thousands of frames for every frame heard.
+constexpr uint32_t maxSampleRate = 384000;
+
+CString unsupportedRate(uint32_t rate) {
+    return concat(concat("A sample rate of ", CString(std::to_string(rate).c_str())), " Hz is not supported");
 }
 
 float clean(float x) { return std::isfinite(x) ? x : 0.0f; }
@@ -102,7 +111,7 @@ bool CSample::open(const CString& filePath) {
         if (!readFile) platform::debugLine("Error fh2");
         file = std::move(f);
         for (StreamBuffer& buffer : buffers)
-            if (!buffer.data) buffer.data = std::make_unique<uint8_t[]>(streamBufferBytes);
+            if (!buffer.data) buffer.data = std::make_unique_for_overwrite<uint8_t[]>(streamBufferBytes);
     } else {
         buildPeaks();
     }
@@ -140,6 +149,7 @@ bool CSample::walkWav(std::FILE* f, int64_t length) {
             }
             if (chans != 1 && chans != 2) return refuse("Only mono and stereo files are supported");
             if (rate == 0) return refuse("The file gives no sample rate");
+            if (rate > maxSampleRate) return refuse(unsupportedRate(rate).c_str());
             channels = chans;
             bits = depth;
             sampleRate = static_cast<float>(rate);
@@ -203,6 +213,7 @@ bool CSample::walkAiff(std::FILE* f, int64_t length) {
                 return refuse(concat(concat("AIFF files of ", intToString(depth)), " bits are not supported").c_str());
             if (chans != 1 && chans != 2) return refuse("Only mono and stereo files are supported");
             if (rate == 0) return refuse("The file gives no sample rate");
+            if (rate > maxSampleRate) return refuse(unsupportedRate(rate).c_str());
             channels = chans;
             bits = depth;
             frames = static_cast<int32_t>(std::min<uint32_t>(count, maxFrameIndex));
@@ -370,11 +381,14 @@ int32_t CSample::readFrames(float* dest, int32_t destFloats, int64_t firstFrame,
     // Whole runs of frames inside the data are fetched at once, in pieces the size of a small stack buffer.
     uint8_t raw[1536];
     const int32_t perPiece = static_cast<int32_t>(sizeof raw) / std::max(bytesPerFrame, 1);
+    const bool readable = bits == 16 || bits == 24 || bits == 32;
     while (done < total) {
-        if (frame < 0 || frame >= frames || (bits != 16 && bits != 24 && bits != 32)) {
-            for (int32_t c = 0; c < chans; ++c) dest[done * chans + c] = 0.0f;
-            ++done;
-            ++frame;
+        if (frame < 0 || frame >= frames || !readable) {
+            // The whole run outside the data at once: a fast voice may walk far past either end.
+            const int64_t outside = !readable || frame >= frames ? total - done : std::min<int64_t>(-frame, total - done);
+            std::fill_n(dest + int64_t{done} * chans, outside * chans, 0.0f);
+            done += static_cast<int32_t>(outside);
+            frame += outside;
             continue;
         }
         const auto n = static_cast<int32_t>(std::min<int64_t>({perPiece, total - done, frames - frame}));

@@ -142,6 +142,8 @@ TEST(SampleFile, VariantsWeCannotPlayAreRefusedWithAReason) {
         {"i8.aiff", "-b 8", "", "8 bits"},
         {"c.aifc", "-t aifc -b 16", "", "AIFF-C"},
         {"quad.wav", "-b 16 -c 4", "", "mono and stereo"},
+        {"fast.wav", "-r 768000 -b 16", "", "768000 Hz"},
+        {"fast.aiff", "-r 768000 -b 16", "", "768000 Hz"},
         {"text.wav", nullptr, "just some words in a file"s, "Not a WAV or AIFF"},
         {"avi.wav", nullptr, "RIFF\x04\0\0\0AVI "s, "no WAVE"},
         {"short.wav", nullptr, "RIF"s, "too short"},

@@ -39,16 +39,24 @@ std::vector<uint8_t> list(const char* type, const std::vector<uint8_t>& body) {
 }
 
 std::vector<uint8_t> wrapPresetData(const uint8_t* data, size_t size) {
-    std::vector<uint8_t> info, samples, body{'s', 'f', 'b', 'k'};
-    putChunk(info, "ifil", {2, 0, 1, 0});
-    std::vector<uint8_t> smpl;
-    for (int32_t i = 0; i < 4096; ++i) {
-        const auto v = static_cast<uint16_t>((i * 7919) & 0xFFFF);
-        smpl.push_back(static_cast<uint8_t>(v));
-        smpl.push_back(static_cast<uint8_t>(v >> 8));
-    }
-    putChunk(samples, "smpl", smpl);
-    for (const auto& piece : {list("INFO", info), list("sdta", samples), list("pdta", {data, data + size})})
+    // The same info and sample lists every time, made once.
+    static const std::vector<uint8_t> info = [] {
+        std::vector<uint8_t> version;
+        putChunk(version, "ifil", {2, 0, 1, 0});
+        return list("INFO", version);
+    }();
+    static const std::vector<uint8_t> samples = [] {
+        std::vector<uint8_t> smpl, chunk;
+        for (int32_t i = 0; i < 4096; ++i) {
+            const auto v = static_cast<uint16_t>((i * 7919) & 0xFFFF);
+            smpl.push_back(static_cast<uint8_t>(v));
+            smpl.push_back(static_cast<uint8_t>(v >> 8));
+        }
+        putChunk(chunk, "smpl", smpl);
+        return list("sdta", chunk);
+    }();
+    std::vector<uint8_t> body{'s', 'f', 'b', 'k'};
+    for (const auto& piece : {info, samples, list("pdta", {data, data + size})})
         body.insert(body.end(), piece.begin(), piece.end());
     std::vector<uint8_t> file;
     putChunk(file, "RIFF", body);

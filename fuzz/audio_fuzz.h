@@ -20,11 +20,16 @@ namespace fuzzing {
 
 // The reader takes a path. The file lives in memory where the system has such a folder: rewriting a file
 // on a disk's file system each run makes it flush on close, which cost most of the fuzzer's time.
+// It goes when the fuzzer exits.
 inline const std::string& scratchFile() {
-    static const std::string path =
-        (std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path().string()) +
-        "/vantrell-fuzz-" + std::to_string(getpid());
-    return path;
+    struct Scratch {
+        std::string path =
+            (std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path().string()) +
+            "/vantrell-fuzz-" + std::to_string(getpid());
+        ~Scratch() { std::remove(path.c_str()); }
+    };
+    static const Scratch scratch;
+    return scratch.path;
 }
 
 // Notes low, at the root and high through a sampled sound, looped as the file says, for a few short

@@ -39,16 +39,24 @@ std::vector<uint8_t> list(const char* type, const std::vector<uint8_t>& body) {
 }
 
 std::vector<uint8_t> wrapPresetData(const uint8_t* data, size_t size) {
-    std::vector<uint8_t> info, samples, body{'s', 'f', 'b', 'k'};
-    putChunk(info, "ifil", {2, 0, 1, 0});
-    std::vector<uint8_t> smpl;
-    for (int32_t i = 0; i < 4096; ++i) {
-        const auto v = static_cast<uint16_t>((i * 7919) & 0xFFFF);
-        smpl.push_back(static_cast<uint8_t>(v));
-        smpl.push_back(static_cast<uint8_t>(v >> 8));
-    }
-    putChunk(samples, "smpl", smpl);
-    for (const auto& piece : {list("INFO", info), list("sdta", samples), list("pdta", {data, data + size})})
+    // The same info and sample lists every time, made once.
+    static const std::vector<uint8_t> info = [] {
+        std::vector<uint8_t> version;
+        putChunk(version, "ifil", {2, 0, 1, 0});
+        return list("INFO", version);
+    }();
+    static const std::vector<uint8_t> samples = [] {
+        std::vector<uint8_t> smpl, chunk;
+        for (int32_t i = 0; i < 4096; ++i) {
+            const auto v = static_cast<uint16_t>((i * 7919) & 0xFFFF);
+            smpl.push_back(static_cast<uint8_t>(v));
+            smpl.push_back(static_cast<uint8_t>(v >> 8));
+        }
+        putChunk(chunk, "smpl", smpl);
+        return list("sdta", chunk);
+    }();
+    std::vector<uint8_t> body{'s', 'f', 'b', 'k'};
+    for (const auto& piece : {info, samples, list("pdta", {data, data + size})})
         body.insert(body.end(), piece.begin(), piece.end());
     std::vector<uint8_t> file;
     putChunk(file, "RIFF", body);
@@ -64,27 +72,44 @@ uint8_t clipRoot(const CSampler& sampler) {
     return 60;
 }
 
+// One engine and sampler for the whole run: a sampler's delay memory alone is megabytes, which making
+// it anew for each input would spend most of the time clearing. Loading an empty state stops its voices
+// and drops the programs and clips of the input before.
+CSampler& reusedSampler() {
+    static CQV engine(EngineOptions{false, 1});
+    static CSampler* sampler = [] {
+        engine.setSampleRate(48000.0);
+        // The block played below; every sound's effects hold buffers of a block.
+        engine.setBlockSize(256);
+        registerSoundComponents();
+        auto* made = new CSampler(&engine);
+        made->createBasePorts();
+        engine.addComp(made);
+        return made;
+    }();
+    CMemoryStream empty;
+    sampler->load(empty, 0);
+    return *sampler;
+}
+
 void play(const files::SoundFontBank& bank) {
-    CQV engine(EngineOptions{false, 1});
-    engine.setSampleRate(48000.0);
-    registerSoundComponents();
-    auto* sampler = new CSampler(&engine);
-    sampler->createBasePorts();
-    engine.addComp(sampler);
+    CSampler& sampler = reusedSampler();
+    // Loading left the default program first; the bank's follow it.
+    const int32_t first = sampler.programs.count();
     for (const files::SoundFontPreset& preset : bank.presets) {
-        if (CSynthProg* program = files::makeSoundFontProgram(*sampler, bank, preset)) sampler->programs.add(program);
-        if (sampler->programs.count() >= 4) break;
+        if (CSynthProg* program = files::makeSoundFontProgram(sampler, bank, preset)) sampler.programs.add(program);
+        if (sampler.programs.count() - first >= 4) break;
     }
-    for (int32_t p = 0; p < sampler->programs.count(); ++p) {
-        sampler->setProgram(p);
-        const uint8_t root = clipRoot(*sampler);
+    for (int32_t p = first; p < sampler.programs.count(); ++p) {
+        sampler.setProgram(p);
+        const uint8_t root = clipRoot(sampler);
         for (uint8_t key : {root, static_cast<uint8_t>(std::max(root - 12, 0)), static_cast<uint8_t>(std::min(root + 7, 127))})
-            sampler->postEvent(packMIDI(0x90, key, 100));
-        sampler->beginCycle(256);
-        sampler->processBlock(256);
-        sampler->postEvent(packMIDI(0xB0, 123, 0));
-        sampler->beginCycle(256);
-        sampler->processBlock(256);
+            sampler.postEvent(packMIDI(0x90, key, 100));
+        sampler.beginCycle(256);
+        sampler.processBlock(256);
+        sampler.postEvent(packMIDI(0xB0, 123, 0));
+        sampler.beginCycle(256);
+        sampler.processBlock(256);
     }
 }
 

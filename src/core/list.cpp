@@ -15,6 +15,10 @@ void CList::insert(int32_t index, void* item) {
     if (index <= 0 || !head_) {
         cell->next = head_;
         head_ = cell;
+        if (!tail_) tail_ = cell;
+    } else if (index >= count_) {
+        tail_->next = cell;
+        tail_ = cell;
     } else {
         Cell* before = head_;
         for (int32_t i = 1; i < index && before->next; ++i) before = before->next;
@@ -50,6 +54,7 @@ void CList::removeAt(int32_t index) {
         cell = cell->next;
     }
     (before ? before->next : head_) = cell->next;
+    if (tail_ == cell) tail_ = before;
     if (cursor_ == cell) cursor_ = nullptr;
     delete cell;
     --count_;
@@ -62,6 +67,7 @@ void* CList::first() {
 
 void CList::clear() {
     while (head_) delete std::exchange(head_, head_->next);
+    tail_ = nullptr;
     count_ = 0;
     cursor_ = nullptr;
 }
@@ -87,12 +93,14 @@ bool CList::moveItem(CList& destination, CList& source, void* item, int32_t inde
     if (!cell) return false;
 
     (previous ? previous->next : source.head_) = cell->next;
+    if (source.tail_ == cell) source.tail_ = previous;
     if (source.cursor_ == cell) source.cursor_ = nullptr;
     --source.count_;
 
     Cell*& link = before ? before->next : destination.head_;
     cell->next = link;
     link = cell;
+    if (!cell->next) destination.tail_ = cell;
     ++destination.count_;
     return true;
 }

@@ -40,6 +40,9 @@ public:
 private:
     int32_t count_ = 0;
     Cell* head_ = nullptr;
+    // The last cell, so that appending, which lists of thousands of sounds do one by one, doesn't walk
+    // the whole list each time.
+    Cell* tail_ = nullptr;
     Cell* cursor_ = nullptr;
 };
 

@@ -10,6 +10,7 @@
 #include "core/stream.h"
 #include "engine/engine.h"
 #include "engine/undo.h"
+#include "files/file_bytes.h"
 #include "platform/platform.h"
 #include "seq/seq.h"
 
@@ -600,14 +601,7 @@ MidiImport importMIDI(CSeq& seq, CSongTrack* songTrack, std::span<const uint8_t>
 }
 
 MidiImport importMIDI(CSeq& seq, CSongTrack* songTrack, const CString& path, CUndo* undo, int32_t startTick) {
-    CFileStream file(path, CFileStream::openRead);
-    std::vector<uint8_t> bytes;
-    if (file.isOpen()) {
-        bytes.resize(static_cast<size_t>(std::max(file.seek(0, seekFromEnd), 0)));
-        file.seek(0, seekFromStart);
-        bytes.resize(static_cast<size_t>(std::max(file.read(bytes.data(), static_cast<int32_t>(bytes.size())), 0)));
-    }
-    return importMIDI(seq, songTrack, bytes, undo, startTick, path);
+    return importMIDI(seq, songTrack, readFileBytes(path, "MThd"), undo, startTick, path);
 }
 
 std::vector<uint8_t> exportMIDIBytes(const CSeq& seq) {

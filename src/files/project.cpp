@@ -4,7 +4,9 @@
 #include <atomic>
 #include <exception>
 #include <filesystem>
+#include <limits>
 #include <memory>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -13,6 +15,7 @@
 #include "engine/engine.h"
 #include "engine/io.h"
 #include "engine/strip_io.h"
+#include "files/file_bytes.h"
 #include "fx/effects.h"
 #include "fx/mixer.h"
 #include "platform/platform.h"
@@ -496,13 +499,12 @@ LoadOutcome readProject(CQV& engine, CStream& stream, const ProjectContext& cont
 bool openProject(CQV& engine, const CString& path, const ProjectContext& context) {
     if (saving.load(std::memory_order_acquire)) return false;
     // The whole file is read at once: the reader asks for its position at every field, which on a file
-    // is a system call each time.
-    CFileStream file(path, CFileStream::openRead);
-    const int32_t size = file.isOpen() ? std::max(file.seek(0, seekFromEnd), 0) : 0;
-    file.seek(0, seekFromStart);
-    std::vector<uint8_t> bytes(static_cast<size_t>(size));
+    // is a system call each time. Only a file that opens with the magic, as writeString stores it, is
+    // read, so a directory or a large file of another kind costs nothing.
+    const std::vector<uint8_t> bytes = readFileBytes(path, std::string_view("\x03\0\0\0QV3", 7));
+    const auto size = static_cast<int32_t>(std::min<size_t>(bytes.size(), std::numeric_limits<int32_t>::max()));
     CMemoryStream stream;
-    const bool read = file.isOpen() && file.read(bytes.data(), size) == size && stream.write(bytes.data(), size) == size;
+    const bool read = size > 0 && stream.write(bytes.data(), size) == size;
     stream.seek(0, seekFromStart);
     const LoadOutcome outcome = read ? readProject(engine, stream, context) : LoadOutcome::notProject;
     if (outcome == LoadOutcome::notProject) {

@@ -378,10 +378,27 @@ private:
         return zone;
     }
 
+    // A sample whose end lies past the sample block would make every zone on it a copy of the block from
+    // its start to the end, many times the file's size over a bank of such headers. Its frames can only
+    // be those up to the next sample's start, as samples follow each other in the block.
+    void fitSamplesToData() {
+        const auto blockEnd = static_cast<uint32_t>(std::min<size_t>(bank_.sampleData.size(), UINT32_MAX));
+        std::vector<uint32_t> starts;
+        starts.reserve(bank_.samples.size());
+        for (const SoundFontSample& sample : bank_.samples) starts.push_back(sample.start);
+        std::sort(starts.begin(), starts.end());
+        for (SoundFontSample& sample : bank_.samples) {
+            if (sample.end <= blockEnd) continue;
+            const auto next = std::upper_bound(starts.begin(), starts.end(), sample.start);
+            sample.end = next == starts.end() ? blockEnd : std::min(*next, blockEnd);
+        }
+    }
+
     void workOut() {
         SoundFontBank& b = bank_;
         if (b.presetBags.empty() || b.instrumentBags.empty() || b.samples.empty() || b.instruments.empty() || presetHeaders_.empty())
             throw Refused{"damaged preset data: a table is missing"};
+        fitSamplesToData();
         const size_t instrumentCount = b.instruments.size() - 1;
 
         for (size_t p = 0; p + 1 < presetHeaders_.size(); ++p) {

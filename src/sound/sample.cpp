@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <string>
 
 namespace {
 
@@ -32,6 +33,14 @@ int64_t nextChunk(std::FILE* f, int64_t end, uint32_t size, int64_t length) {
     uint8_t id[4];
     if (seekTo(f, end) && readExact(f, id, 4) && isChunkId(id)) return end;
     return end + 1;
+}
+
+// The highest sample rate recordings are made at. A header beyond it is damage, and playing it would
+// walk thousands of frames for every frame heard.
+constexpr uint32_t maxSampleRate = 384000;
+
+CString unsupportedRate(uint32_t rate) {
+    return concat(concat("A sample rate of ", CString(std::to_string(rate).c_str())), " Hz is not supported");
 }
 
 float clean(float x) { return std::isfinite(x) ? x : 0.0f; }
@@ -102,7 +111,7 @@ bool CSample::open(const CString& filePath) {
         if (!readFile) platform::debugLine("Error fh2");
         file = std::move(f);
         for (StreamBuffer& buffer : buffers)
-            if (!buffer.data) buffer.data = std::make_unique<uint8_t[]>(streamBufferBytes);
+            if (!buffer.data) buffer.data = std::make_unique_for_overwrite<uint8_t[]>(streamBufferBytes);
     } else {
         buildPeaks();
     }
@@ -115,9 +124,11 @@ bool CSample::walkWav(std::FILE* f, int64_t length) {
     while (position + 8 <= length) {
         uint8_t chunk[8];
         if (!seekTo(f, position) || !readExact(f, chunk, 8)) break;
-        const uint32_t size = le32(chunk + 4);
-        if (static_cast<int32_t>(size) < 0) break;
         const int64_t body = position + 8;
+        uint32_t size = le32(chunk + 4);
+        // Programs that write to a pipe can't go back to fill in the size and leave 0xFFFFFFFF; a data
+        // chunk is read as far as the file really goes, whatever its header claims.
+        if (std::memcmp(chunk, "data", 4) == 0) size = static_cast<uint32_t>(std::min<int64_t>(size, length - body));
         const int64_t end = body + size;
         if (std::memcmp(chunk, "fmt ", 4) == 0) {
             uint8_t fmt[40] = {};
@@ -138,6 +149,7 @@ bool CSample::walkWav(std::FILE* f, int64_t length) {
             }
             if (chans != 1 && chans != 2) return refuse("Only mono and stereo files are supported");
             if (rate == 0) return refuse("The file gives no sample rate");
+            if (rate > maxSampleRate) return refuse(unsupportedRate(rate).c_str());
             channels = chans;
             bits = depth;
             sampleRate = static_cast<float>(rate);
@@ -149,8 +161,8 @@ bool CSample::walkWav(std::FILE* f, int64_t length) {
             if (streamed) {
                 dataOffset = body;
                 dataBytes = 0;
-            } else if (!readData(f, static_cast<int64_t>(frames) * frameBytes, length - body)) {
-                return false;
+            } else {
+                readData(f, static_cast<int64_t>(frames) * frameBytes);
             }
             valid = 1;
             loop = loopOff;
@@ -174,6 +186,8 @@ bool CSample::walkWav(std::FILE* f, int64_t length) {
 
 bool CSample::walkAiff(std::FILE* f, int64_t length) {
     bool haveCommon = false;
+    // Bytes of sound the file really holds, which bound the frames the common chunk declares.
+    int64_t soundBytes = -1;
     int64_t position = 12;
     while (position + 8 <= length) {
         uint8_t chunk[8];
@@ -199,6 +213,7 @@ bool CSample::walkAiff(std::FILE* f, int64_t length) {
                 return refuse(concat(concat("AIFF files of ", intToString(depth)), " bits are not supported").c_str());
             if (chans != 1 && chans != 2) return refuse("Only mono and stereo files are supported");
             if (rate == 0) return refuse("The file gives no sample rate");
+            if (rate > maxSampleRate) return refuse(unsupportedRate(rate).c_str());
             channels = chans;
             bits = depth;
             frames = static_cast<int32_t>(std::min<uint32_t>(count, maxFrameIndex));
@@ -210,11 +225,14 @@ bool CSample::walkAiff(std::FILE* f, int64_t length) {
             if (!haveCommon) frames = 0;
             const int64_t start = body + 8 + be32(header);
             const int32_t frameBytes = bits / 8 * channels;
-            const int64_t bytes = std::min<int64_t>(int64_t{size} - 8 - be32(header), int64_t{frames} * frameBytes);
+            soundBytes = std::clamp<int64_t>(std::min(int64_t{size} - 8 - be32(header), length - start), 0, maxFrameIndex);
+            const int64_t bytes = std::min<int64_t>(soundBytes, int64_t{frames} * frameBytes);
             if (streamed) {
                 dataOffset = start;
-            } else if (!seekTo(f, start) || !readData(f, std::max<int64_t>(bytes, 0), length - start)) {
+            } else if (!seekTo(f, start)) {
                 return false;
+            } else {
+                readData(f, bytes);
             }
             if (!streamed && bits != 32) {
                 // 16 and 24 bits are held little-endian in memory.
@@ -227,14 +245,14 @@ bool CSample::walkAiff(std::FILE* f, int64_t length) {
         }
         position = nextChunk(f, end, size, length);
     }
+    if (soundBytes >= 0) frames = static_cast<int32_t>(std::min<int64_t>(frames, soundBytes / (bits / 8 * channels)));
     return true;
 }
 
-bool CSample::readData(std::FILE* f, int64_t bytes, int64_t available) {
-    const int64_t held = std::clamp<int64_t>(std::min(bytes, available), 0, std::numeric_limits<int32_t>::max());
-    data = std::make_unique<uint8_t[]>(static_cast<size_t>(std::max<int64_t>(held, 1)));
+void CSample::readData(std::FILE* f, int64_t bytes) {
+    const int64_t held = std::clamp<int64_t>(bytes, 0, std::numeric_limits<int32_t>::max());
+    data = std::make_unique_for_overwrite<uint8_t[]>(static_cast<size_t>(std::max<int64_t>(held, 1)));
     dataBytes = static_cast<int64_t>(std::fread(data.get(), 1, static_cast<size_t>(held), f));
-    return true;
 }
 
 void CSample::adopt(std::unique_ptr<uint8_t[]> bytes, int64_t byteCount) {
@@ -363,11 +381,14 @@ int32_t CSample::readFrames(float* dest, int32_t destFloats, int64_t firstFrame,
     // Whole runs of frames inside the data are fetched at once, in pieces the size of a small stack buffer.
     uint8_t raw[1536];
     const int32_t perPiece = static_cast<int32_t>(sizeof raw) / std::max(bytesPerFrame, 1);
+    const bool readable = bits == 16 || bits == 24 || bits == 32;
     while (done < total) {
-        if (frame < 0 || frame >= frames || (bits != 16 && bits != 24 && bits != 32)) {
-            for (int32_t c = 0; c < chans; ++c) dest[done * chans + c] = 0.0f;
-            ++done;
-            ++frame;
+        if (frame < 0 || frame >= frames || !readable) {
+            // The whole run outside the data at once: a fast voice may walk far past either end.
+            const int64_t outside = !readable || frame >= frames ? total - done : std::min<int64_t>(-frame, total - done);
+            std::fill_n(dest + int64_t{done} * chans, outside * chans, 0.0f);
+            done += static_cast<int32_t>(outside);
+            frame += outside;
             continue;
         }
         const auto n = static_cast<int32_t>(std::min<int64_t>({perPiece, total - done, frames - frame}));

@@ -3,8 +3,8 @@
 // CSampleClip is the sampler's form of it, with the played range and the root key.
 //
 // Opening walks the chunks of a WAV or AIFF file with plain buffered reads and trusts none of them: a
-// size that runs past the end of the file gives the frames it declares, and frames the file doesn't hold
-// read as zeros. A file of a kind nothing here can play leaves the sample not `valid`, and `error` says
+// data size that runs past the end of the file gives the frames the file really holds, so nothing is
+// sized from a header's claim. A file of a kind nothing here can play leaves the sample not `valid`, and `error` says
 // why in words a user understands.
 //
 // Streaming: two 64 KiB buffers hold bytes of the data. The reading thread takes a buffer that holds the
@@ -120,7 +120,8 @@ private:
 
     bool walkWav(std::FILE* f, int64_t length);
     bool walkAiff(std::FILE* f, int64_t length);
-    bool readData(std::FILE* f, int64_t bytes, int64_t available);
+    // Reads up to `bytes` of data from where the file stands; a short file leaves fewer in dataBytes.
+    void readData(std::FILE* f, int64_t bytes);
     bool refuse(const char* why);
     // Copies `length` bytes of the data from byte `position` on; zeros past what there is.
     void fetch(uint8_t* out, int64_t position, int32_t length);

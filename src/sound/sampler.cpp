@@ -49,7 +49,7 @@ CSampler::CSampler(CQV* engine)
     : CComp(engine, compSampler),
       delayL(std::make_unique<float[]>(delayFrames)),
       delayR(std::make_unique<float[]>(delayFrames)),
-      interpScratch(std::make_unique<float[]>(scratchFrames)) {
+      interpScratch(std::make_unique_for_overwrite<float[]>(scratchFrames)) {
     name = "Synthesizer";
     setBlockSize(engine ? engine->blockSize : 1024);
     for (int32_t index = 0; index < mixerParamCount; ++index) mixParams.add(new CMixerParam(this, index));

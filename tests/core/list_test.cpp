@@ -73,10 +73,11 @@ TEST(List, RemoveUnlinksOnlyTheFirstMatchingCell) {
     list.removeAt(-1);
     EXPECT_EQ(list.count(), 3);
     list.removeAt(2);
+    list.add(item(3));  // behind the new last cell
     list.first();
     list.removeAt(0);
     EXPECT_EQ(list.cursor(), nullptr) << "the cursor stood on the removed cell";
-    EXPECT_EQ(cells(list), std::vector<void*>{item(2)});
+    EXPECT_EQ(cells(list), (std::vector<void*>{item(2), item(3)}));
     list.clear();
     EXPECT_EQ(cells(list), std::vector<void*>{});
 }
@@ -105,8 +106,12 @@ TEST(List, MoveItemRelinksTheCellBetweenLists) {
         source.add(item(4));
         source.add(item(5));
         EXPECT_EQ(CList::moveItem(destination, source, row.moved, row.index), row.result) << row.what;
-        EXPECT_EQ(cells(destination), row.destination) << row.what;
-        EXPECT_EQ(cells(source), row.source) << row.what;
+        // Items added afterwards go behind each list's true end.
+        destination.add(item(7));
+        source.add(item(7));
+        auto withEnd = [](std::vector<void*> items) { return items.push_back(item(7)), items; };
+        EXPECT_EQ(cells(destination), withEnd(row.destination)) << row.what;
+        EXPECT_EQ(cells(source), withEnd(row.source)) << row.what;
     }
 
     // One list, or two empty ones, share a head: nothing moves.

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "core/temp_folder.h"
 #include "engine/undo.h"
 #include "files/gm_song.h"
 #include "engine/io.h"
@@ -145,6 +146,29 @@ TEST(SoundFontImport, ThroughAnUndoStepAndRefusingWhatIsNoFont) {
     EXPECT_EQ(files::importSoundFont(*rig.sampler, CString((mmaExamples / "midi-inc/drum.mid").c_str()), nullptr, &error), -1);
     EXPECT_FALSE(error.empty());
     EXPECT_TRUE(rig.sampler->programs.empty());
+}
+
+// A bank whose sample headers all end far past the sample data: each sample can only take the frames up to
+// the next one, so the clips made hold about what the intact bank's do, not the block many times over.
+TEST(SoundFontImport, SampleEndsPastTheDataCostNoMoreThanTheData) {
+    const auto path = fonts / "TimGM6mb.sf2";
+    if (!std::filesystem::exists(path)) GTEST_SKIP() << "scripts/bootstrap installs the SoundFonts";
+    std::string font = readBytes(path.string());
+    const size_t table = font.rfind("shdr");
+    ASSERT_NE(table, std::string::npos);
+    const size_t records = (static_cast<uint8_t>(font[table + 4]) | static_cast<uint8_t>(font[table + 5]) << 8 |
+                            static_cast<uint8_t>(font[table + 6]) << 16) / 46;
+    for (size_t r = 0; r + 1 < records; ++r) font.replace(table + 8 + r * 46 + 24, 4, "\x00\xff\xff\xff", 4);
+    TempFolder dir;
+    writeBytes(dir.file("far.sf2"), font);
+    const auto clipBytes = [](const std::string& file) {
+        SamplerRig rig;
+        EXPECT_GT(files::importSoundFont(*rig.sampler, CString(file.c_str()), nullptr), 100);
+        int64_t bytes = 0;
+        for (const CSampleClip* clip : rig.sampler->samplePool) bytes += clip->dataBytes;
+        return bytes;
+    };
+    EXPECT_LT(clipBytes(dir.file("far.sf2")), clipBytes(path.string()) * 3 / 2);
 }
 
 class GmRender : public ::testing::Test {

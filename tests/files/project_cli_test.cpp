@@ -64,7 +64,7 @@ TEST_F(ProjectCli, ImportedProjectsSaveAgainRenderAndDescribeLikeTheirSong) {
 }
 
 TEST_F(ProjectCli, AMIDIFileBecomesAProjectWithATrackForEachOfItsTracks) {
-    if (!std::filesystem::exists(midiExample)) GTEST_SKIP() << "scripts/bootstrap installs mma";
+    ASSERT_TRUE(std::filesystem::exists(midiExample)) << "scripts/bootstrap installs mma";
     ASSERT_EQ(cli("import '" + midiExample.string() + "' -o song.qv"), 0) << errors;
 
     CQV imported(EngineOptions{false, 1});

@@ -124,10 +124,10 @@ SaveTarget resolveSaveTarget(const std::string& path) {
     const std::string folder = folderOf(current);
     struct stat folderStatus {};
     if (::stat(folder.c_str(), &folderStatus) != 0 || !S_ISDIR(folderStatus.st_mode))
-        return refuse("the folder " + folder + " does not exist: create it first or choose another folder");
+        return refuse("cannot save " + path + ": the folder " + folder + " does not exist; create it first or choose another folder");
     if (::access(folder.c_str(), W_OK | X_OK) != 0)
-        return refuse("the folder " + folder + " is not writable" + reason(errno) +
-                      ": choose another folder or change its permissions");
+        return refuse("cannot save " + path + ": the folder " + folder + " is not writable" + reason(errno) +
+                      "; choose another folder or change its permissions");
     target.kind = SaveTarget::Kind::file;
     target.temporary = folder + "/" + name + replaceSuffix;
     return target;

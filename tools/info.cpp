@@ -7,6 +7,7 @@
 #include "engine/engine.h"
 #include "files/midi.h"
 #include "files/soundfont.h"
+#include "options.h"
 #include "project_cli.h"
 #include "seq/seq.h"
 #include "seq/timeline.h"
@@ -123,6 +124,12 @@ int run(const std::vector<std::string_view>& args) {
         return 2;
     }
     const std::string path(args[0]);
+    try {
+        cli::checkInput(path);
+    } catch (const cli::FileRefused& refused) {
+        std::fprintf(stderr, "vantrell-cli: %s\n", refused.message.c_str());
+        return 1;
+    }
     std::FILE* file = std::fopen(path.c_str(), "rb");
     if (!file) return fail(path, "The file cannot be opened");
     Head head;

@@ -13,6 +13,7 @@
 #include "files/midi.h"
 #include "files/project.h"
 #include "files/soundfont.h"
+#include "options.h"
 #include "seq/seq.h"
 #include "seq/timeline.h"
 #include "sound/sampler.h"
@@ -61,12 +62,6 @@ CSeq* sequencerOf(const CQV& engine) {
     for (CComp* comp : engine.comps)
         if (comp->isSequencer()) return static_cast<CSeq*>(comp);
     return nullptr;
-}
-
-bool hasMIDIMagic(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    char head[4] = {};
-    return in.read(head, 4) && std::memcmp(head, "MThd", 4) == 0;
 }
 
 void openInto(CQV& engine, const std::filesystem::path& path) {
@@ -136,6 +131,12 @@ bool hasProjectMagic(const unsigned char* bytes, size_t size) {
     return size >= 7 && bytes[0] == 3 && bytes[1] == 0 && bytes[2] == 0 && bytes[3] == 0 && std::memcmp(bytes + 4, "QV3", 3) == 0;
 }
 
+bool hasMIDIMagic(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    char head[4] = {};
+    return in.read(head, 4) && std::memcmp(head, "MThd", 4) == 0;
+}
+
 bool isProjectFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     unsigned char head[7] = {};
@@ -167,6 +168,14 @@ int runImport(const std::vector<std::string_view>& args) {
     if (demo && !soundFont.empty()) return usageError("--soundfont goes with a MIDI file");
 
     try {
+        if (!demo) cli::checkInput(input);
+        if (!soundFont.empty()) cli::checkInput(soundFont);
+        cli::checkOutput(output);
+    } catch (const cli::FileRefused& refused) {
+        return failure(refused.message);
+    }
+
+    try {
         std::unique_ptr<demo::DemoSong> demoSong;
         std::unique_ptr<files::SoundFontBank> bank;
         std::unique_ptr<files::GmSong> gmSong;
@@ -175,8 +184,6 @@ int runImport(const std::vector<std::string_view>& args) {
         if (demo) {
             demoSong = std::make_unique<demo::DemoSong>(importRate);
             engine = &demoSong->engine;
-        } else if (!std::filesystem::exists(input)) {
-            return failure(input.string() + ": no such file");
         } else if (!soundFont.empty()) {
             if (!hasMIDIMagic(input)) return usageError("--soundfont goes with a MIDI file");
             bank = std::make_unique<files::SoundFontBank>();
@@ -188,14 +195,19 @@ int runImport(const std::vector<std::string_view>& args) {
             engine = opened.get();
             if (isProjectFile(input)) openInto(*engine, input);
             else if (hasMIDIMagic(input)) buildFromMIDI(*engine, input);
+            else if (cli::extensionOf(input) == ".qv") return failure(input.string() + ": the project could not be read: the file is damaged or no project; open a backup or another copy");
             else return failure(input.string() + ": neither a project nor a Standard MIDI file");
         }
         Said said;
         if (!files::saveProject(*engine, output.c_str(), said.context())) return failure(output.string() + ": " + said.text);
         const Counts counts = countSong(*engine);
-        std::printf("wrote %s: %d tracks, %d parts, %d events, %d components, %lld bytes\n", output.string().c_str(),
-                    counts.tracks, counts.parts, counts.events, engine->comps.count(),
-                    static_cast<long long>(std::filesystem::file_size(output)));
+        // A device or a FIFO has no size to tell.
+        std::error_code noSize;
+        const auto bytes = std::filesystem::file_size(output, noSize);
+        std::printf("wrote %s: %d tracks, %d parts, %d events, %d components", output.string().c_str(), counts.tracks,
+                    counts.parts, counts.events, engine->comps.count());
+        if (!noSize) std::printf(", %lld bytes", static_cast<long long>(bytes));
+        std::printf("\n");
         return 0;
     } catch (const std::exception& error) {
         return failure(error.what());

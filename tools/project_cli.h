@@ -21,6 +21,8 @@ namespace projectcli {
 // The first bytes of a project file.
 bool hasProjectMagic(const unsigned char* bytes, size_t size);
 bool isProjectFile(const std::filesystem::path& path);
+// The first bytes of a Standard MIDI file.
+bool hasMIDIMagic(const std::filesystem::path& path);
 
 // A project opened to be rendered. Throws std::runtime_error with the reader's messages when the file
 // is no project or could not be read to its end.

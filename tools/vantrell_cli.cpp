@@ -25,6 +25,7 @@
 #include "files/mp3.h"
 #include "files/render.h"
 #include "info.h"
+#include "options.h"
 #include "platform/platform.h"
 #include "play.h"
 #include "project_cli.h"
@@ -56,9 +57,7 @@ const char* const usage =
     "  import        build a project from the demo song, a MIDI file or another project, and save it\n"
     "  info FILE     describe a WAV, AIFF, MIDI, SoundFont or project file\n";
 
-struct UsageError {
-    std::string message;
-};
+using cli::UsageError;
 
 struct RenderOptions {
     bool demo = false;
@@ -70,25 +69,39 @@ struct RenderOptions {
     int32_t bitrate = 128;
 };
 
-// The format a file name asks for when --format doesn't say.
-void formatFromName(RenderOptions& options, std::string_view name) {
-    std::string text(name);
-    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    const auto endsWith = [&text](std::string_view tail) { return text.size() >= tail.size() && text.ends_with(tail); };
-    options.mp3 = endsWith(".mp3");
-    options.format.type = endsWith(".aif") || endsWith(".aiff") ? files::FileType::aiff : files::FileType::wav;
+enum class OutputType { wav, aiff, mp3 };
+
+constexpr struct {
+    std::string_view name;
+    OutputType type;
+} outputTypes[] = {{"wav", OutputType::wav}, {"aiff", OutputType::aiff}, {"mp3", OutputType::mp3}};
+
+// The file type that --format or, without it, the output's extension asks for. An extension that names
+// another type would give a file its name belies, so it is refused rather than followed or overruled.
+OutputType outputTypeOf(const std::filesystem::path& output, std::string_view format) {
+    std::optional<OutputType> chosen;
+    if (!format.empty()) {
+        for (const auto& row : outputTypes)
+            if (row.name == format) chosen = row.type;
+        if (!chosen) throw UsageError{"--format must be wav, aiff or mp3, not '" + std::string(format) + "'"};
+    }
+    const std::string extension = cli::extensionOf(output);
+    if (extension.empty()) return chosen.value_or(OutputType::wav);
+    std::optional<OutputType> named;
+    if (extension == ".aif") named = OutputType::aiff;
+    for (const auto& row : outputTypes)
+        if (std::string_view(extension).substr(1) == row.name) named = row.type;
+    if (!named)
+        throw UsageError{output.string() + ": vantrell-cli writes no '" + extension +
+                         "' files: end the name in .wav, .aif, .aiff or .mp3"};
+    if (chosen && chosen != named)
+        throw UsageError{std::string("--format ").append(format).append(" does not match the name ").append(output.string())
+                             .append(": end the name in .").append(format).append(" or leave --format out")};
+    return *named;
 }
 
 int parseRate(std::string_view text, int low = 8000, int high = 192000, const char* option = "--rate") {
-    int value = 0;
-    for (char c : text) {
-        if (c < '0' || c > '9' || value > 1000000)
-            throw UsageError{std::string(option) + " wants a whole number, not '" + std::string(text) + "'"};
-        value = value * 10 + (c - '0');
-    }
-    if (text.empty() || value < low || value > high)
-        throw UsageError{std::string(option) + " must be between " + std::to_string(low) + " and " + std::to_string(high)};
-    return value;
+    return cli::wholeNumber(option, text, low, high);
 }
 
 files::SampleFormat parseBits(std::string_view text) {
@@ -96,6 +109,20 @@ files::SampleFormat parseBits(std::string_view text) {
     if (text == "24") return files::SampleFormat::int24;
     if (text == "32f" || text == "32") return files::SampleFormat::float32;
     throw UsageError{"--bits must be 16, 24 or 32, not '" + std::string(text) + "'"};
+}
+
+// What the song files are, told before the song is built and long before the render ends.
+void checkInputs(const RenderOptions& options) {
+    if (options.midi.empty()) return;
+    cli::checkInput(options.midi);
+    if (!options.soundFont.empty()) cli::checkInput(options.soundFont);
+    if (projectcli::isProjectFile(options.midi)) return;
+    if (cli::extensionOf(options.midi) == ".qv")
+        throw cli::FileRefused{options.midi.string() + ": the project could not be read: the file is damaged or no project; "
+                                                       "open a backup or another copy"};
+    if (!projectcli::hasMIDIMagic(options.midi))
+        throw cli::FileRefused{options.midi.string() + ": neither a project nor a Standard MIDI file"};
+    if (options.soundFont.empty()) throw UsageError{"a MIDI file plays through --soundfont FONT.sf2"};
 }
 
 RenderOptions parseRender(const std::vector<std::string_view>& args) {
@@ -120,11 +147,12 @@ RenderOptions parseRender(const std::vector<std::string_view>& args) {
     }
     if (!options.demo && options.midi.empty()) throw UsageError{"nothing to render: give --demo or a MIDI file"};
     if (options.demo && !options.midi.empty()) throw UsageError{"render takes --demo or a MIDI file, not both"};
-    if (!options.midi.empty() && options.soundFont.empty() && !projectcli::isProjectFile(options.midi)) throw UsageError{"a MIDI file plays through --soundfont FONT.sf2"};
     if (options.output.empty()) throw UsageError{"no output file: give -o FILE.wav"};
-    formatFromName(options, format.empty() ? options.output.string() : "." + std::string(format));
-    if (!format.empty() && format != "wav" && format != "aiff" && format != "mp3")
-        throw UsageError{"--format must be wav, aiff or mp3, not '" + std::string(format) + "'"};
+    const OutputType type = outputTypeOf(options.output, format);
+    options.mp3 = type == OutputType::mp3;
+    options.format.type = type == OutputType::aiff ? files::FileType::aiff : files::FileType::wav;
+    checkInputs(options);
+    cli::checkOutput(options.output);
     // AIFF holds 32-bit integers where WAV holds floats.
     if (options.format.type == files::FileType::aiff && options.format.sample == files::SampleFormat::float32)
         options.format.sample = files::SampleFormat::int32;
@@ -155,8 +183,7 @@ private:
 template <class Song>
 int renderSong(Song& song, const RenderOptions& options) {
     // MP3 renders to a WAV beside the target first, which the encoder then turns into the MP3.
-    std::filesystem::path wavPath = options.output;
-    if (options.mp3) wavPath += ".render.wav";
+    const std::filesystem::path wavPath = options.mp3 ? files::mp3RenderPath(options.output) : options.output;
     files::AudioWriter writer(wavPath, options.format);
     ProgressBar bar;
     const auto started = std::chrono::steady_clock::now();
@@ -208,6 +235,9 @@ int main(int argc, char** argv) {
     } catch (const UsageError& error) {
         std::fprintf(stderr, "vantrell-cli: %s\n%s", error.message.c_str(), usage);
         return exitUsage;
+    } catch (const cli::FileRefused& error) {
+        std::fprintf(stderr, "vantrell-cli: %s\n", error.message.c_str());
+        return exitFailure;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "\nvantrell-cli: render failed: %s\n", error.what());
         return exitFailure;

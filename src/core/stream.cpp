@@ -1,5 +1,7 @@
 #include "core/stream.h"
 
+#include "platform/file_replace.h"
+
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -104,6 +106,12 @@ CFileStream::CFileStream(CString path, int32_t mode) {
     const char* how = mode == openRead ? "rb" : mode == openCreate ? "w+b" : nullptr;
     if (!how) return;
     file_.reset(std::fopen(path.c_str(), how));
+    measure();
+}
+
+CFileStream::CFileStream(std::FILE* borrowed) : file_(borrowed, Closer{false}) { measure(); }
+
+void CFileStream::measure() {
     if (!file_) return;
     if (std::fseek(file_.get(), 0, SEEK_END) == 0) size = std::max(tell(), 0);
     std::fseek(file_.get(), 0, SEEK_SET);
@@ -168,21 +176,29 @@ void CFileStream::closeBlock(int32_t start) {
 
 // ---- CAtomicFileStream
 
-CAtomicFileStream::CAtomicFileStream(CString path)
-    : CFileStream(concat(path, ".tmp"), openCreate), path_(std::move(path)), temporary_(concat(path_, ".tmp")) {}
+CAtomicFileStream::CAtomicFileStream(const CString& path)
+    : CAtomicFileStream(std::make_unique<platform::FileReplace>(path.c_str(), true)) {}
 
-CAtomicFileStream::~CAtomicFileStream() {
-    if (!isOpen()) return;
-    close();
-    std::remove(temporary_.c_str());
-}
+CAtomicFileStream::CAtomicFileStream(std::unique_ptr<platform::FileReplace> replace)
+    : CFileStream(replace->file()), replace_(std::move(replace)) {}
+
+// The file belongs to replace_, which removes the temporary file when no commit came.
+CAtomicFileStream::~CAtomicFileStream() { forgetFile(); }
 
 bool CAtomicFileStream::commit() {
     if (!isOpen()) return false;
-    const bool complete = !writeFailed();
-    if (close() && complete && std::rename(temporary_.c_str(), path_.c_str()) == 0) return true;
-    std::remove(temporary_.c_str());
-    return false;
+    forgetFile();
+    // A short write leaves the stream's error flag clear once it was seen, so it is told here.
+    if (writeFailed()) {
+        replace_->abandon();
+        return false;
+    }
+    return replace_->commit();
+}
+
+CString CAtomicFileStream::error() const {
+    if (writeFailed()) return concat("cannot write ", replace_->target().path.c_str());
+    return replace_->error().c_str();
 }
 
 // ---- CMemoryStream

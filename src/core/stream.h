@@ -17,6 +17,10 @@
 
 #include "core/string.h"
 
+namespace platform {
+class FileReplace;
+}
+
 // Origins of seek. Plain values so that stored or computed origins pass through unchanged.
 enum SeekOrigin : int32_t { seekFromStart = 0, seekFromCurrent = 1, seekFromEnd = 2 };
 
@@ -88,11 +92,23 @@ public:
     // Bytes written so far, each counted once: closeBlock takes back the 4 bytes of its patch.
     int32_t written = 0;
 
+protected:
+    // Works on a file that someone else opened and closes.
+    explicit CFileStream(std::FILE* borrowed);
+    // Lets go of a borrowed file without closing it.
+    void forgetFile() { file_.reset(); }
+
 private:
     enum class Access : uint8_t { none, reading, writing };
     struct Closer {
-        void operator()(std::FILE* file) const { std::fclose(file); }
+        Closer() : owned(true) {}
+        explicit Closer(bool owns) : owned(owns) {}
+        bool owned;
+        void operator()(std::FILE* file) const {
+            if (owned) std::fclose(file);
+        }
     };
+    void measure();
     // stdio needs a seek between a write and a following read, and the other way round.
     void switchTo(Access access);
 
@@ -101,19 +117,23 @@ private:
     bool writeFailed_ = false;
 };
 
-// Saving that replaces a file atomically: the stream writes "<path>.tmp" beside the target, and
-// commit() flushes, closes and renames it over path, unless a write failed. Without a successful commit
-// the temporary file is removed and the old file stays as it was.
+// Saving over a path by the rules of platform::FileReplace: a plain file is replaced atomically through a
+// temporary file beside it, a link's target is replaced, a device or FIFO gets the bytes at commit, and
+// anything else is refused (isOpen() false, error() says why). commit() fails when a write failed.
+// Without a successful commit the old file stays as it was and no temporary file is left.
 class CAtomicFileStream : public CFileStream {
 public:
-    explicit CAtomicFileStream(CString path);
+    explicit CAtomicFileStream(const CString& path);
     ~CAtomicFileStream() override;
 
     bool commit();
+    // Why the save could not start or finish.
+    CString error() const;
 
 private:
-    CString path_;
-    CString temporary_;
+    explicit CAtomicFileStream(std::unique_ptr<platform::FileReplace> replace);
+
+    std::unique_ptr<platform::FileReplace> replace_;
 };
 
 // An owned growing buffer; undo snapshots, clipboard copies and plug-in state live in these.

@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <bit>
+#include <cerrno>
 #include <cctype>
 #include <cmath>
 #include <cstring>
 #include <limits>
 #include <string>
 #include <system_error>
+
+#include "platform/file_replace.h"
 
 namespace files {
 
@@ -127,26 +130,14 @@ AudioWriter::AudioWriter(std::filesystem::path target, AudioFormat format) : tar
     if (!stores(format_.type, format_.sample))
         throw FileError(format_.type == FileType::wav ? "WAV files here hold 16 or 24 bit integers or 32 bit floats"
                                                       : "AIFF files hold 16, 24 or 32 bit integers");
-    temporary_ = target_;
-    temporary_ += ".partial";
-    file_.reset(std::fopen(temporary_.c_str(), "wb"));
-    if (!file_) fail("cannot create");
-    try {
-        writeHeader();
-    } catch (const FileError&) {
-        file_.reset();
-        std::error_code ignored;
-        std::filesystem::remove(temporary_, ignored);
-        throw;
-    }
+    replace_ = std::make_unique<platform::FileReplace>(target_.string(), false);
+    if (!replace_->isOpen()) throw FileError(replace_->error());
+    file_ = replace_->file();
+    writeHeader();
 }
 
-AudioWriter::~AudioWriter() {
-    if (committed_) return;
-    file_.reset();
-    std::error_code ignored;
-    std::filesystem::remove(temporary_, ignored);
-}
+// replace_ removes the temporary file unless the writer committed.
+AudioWriter::~AudioWriter() = default;
 
 void AudioWriter::write(const float* left, const float* right, int32_t frames) {
     if (frames <= 0) return;
@@ -206,29 +197,33 @@ void AudioWriter::write(const float* left, const float* right, int32_t frames) {
 }
 
 void AudioWriter::writeHeader() {
+    // A stream gets the header once, before its frames: it claims as many whole frames as the sizes hold.
+    const auto frameBytes = static_cast<uint32_t>(bitsOf(format_.sample) / 8 * format_.channels);
+    const uint32_t frames = replace_->isStream() ? (std::numeric_limits<uint32_t>::max() - aiffHeaderBytes) / frameBytes
+                                                 : static_cast<uint32_t>(frames_);
     if (format_.type == FileType::aiff) {
-        const auto header = aiffHeader(format_, static_cast<uint32_t>(frames_));
+        const auto header = aiffHeader(format_, frames);
         writeBytes(header.data(), header.size());
     } else {
-        const auto header = wavHeader(format_, static_cast<uint32_t>(frames_));
+        const auto header = wavHeader(format_, frames);
         writeBytes(header.data(), header.size());
     }
 }
 
 void AudioWriter::commit() {
     if (committed_) return;
-    if (std::fseek(file_.get(), 0, SEEK_SET) != 0) fail("cannot seek in");
-    writeHeader();
-    if (std::fflush(file_.get()) != 0) fail("cannot write");
-    if (std::fclose(file_.release()) != 0) fail("cannot close");
-    std::error_code error;
-    std::filesystem::rename(temporary_, target_, error);
-    if (error) fail("cannot replace");
+    if (!replace_->isStream()) {
+        if (std::fseek(file_, 0, SEEK_SET) != 0) fail("cannot seek in");
+        writeHeader();
+    }
+    file_ = nullptr;
+    if (!replace_->commit()) throw FileError(replace_->error());
     committed_ = true;
 }
 
 void AudioWriter::writeBytes(const void* data, size_t size) {
-    if (std::fwrite(data, 1, size, file_.get()) != size) fail("cannot write");
+    if (file_ && std::fwrite(data, 1, size, file_) == size) return;
+    throw FileError("cannot write " + target_.string() + (file_ ? std::string(": ") + std::strerror(errno) : std::string()));
 }
 
 void AudioWriter::fail(const char* what) const {

@@ -2,9 +2,10 @@
 // Audio file output: WAV of 16 or 24 bit integers or 32 bit floats, little-endian, and AIFF of 16, 24 or
 // 32 bit integers, big-endian; one or two channels.
 //
-// The writer works on a temporary file beside the target and only renames it over the target once
-// every frame and the final header are on disk, so a failed or abandoned write never damages the file
-// the user already had.
+// The writer saves by the rules of platform::FileReplace: a plain file gets a temporary file beside it
+// that is renamed over it only once every frame and the final header are on disk, so a failed or
+// abandoned write never damages the file the user already had. A device or FIFO is written as the frames
+// come, with a header that claims the longest length the format holds, since it cannot be patched.
 
 #include <array>
 #include <cstdint>
@@ -13,6 +14,10 @@
 #include <memory>
 #include <stdexcept>
 #include <vector>
+
+namespace platform {
+class FileReplace;
+}
 
 namespace files {
 
@@ -50,7 +55,8 @@ int32_t toInt32(float x);
 
 class AudioWriter {
 public:
-    // Creates the temporary file and writes a header with no frames. Throws FileError.
+    // Creates the temporary file and writes a header with no frames. Throws FileError, also when the
+    // target is nothing a file can be saved to (a folder, a missing folder).
     AudioWriter(std::filesystem::path target, AudioFormat format);
     // Without commit the temporary file goes and the target stays as it was.
     ~AudioWriter();
@@ -67,17 +73,15 @@ public:
     const std::filesystem::path& target() const { return target_; }
 
 private:
-    struct Closer {
-        void operator()(std::FILE* file) const { std::fclose(file); }
-    };
     void writeHeader();
     void writeBytes(const void* data, size_t size);
     [[noreturn]] void fail(const char* what) const;
 
     std::filesystem::path target_;
-    std::filesystem::path temporary_;
     AudioFormat format_;
-    std::unique_ptr<std::FILE, Closer> file_;
+    std::unique_ptr<platform::FileReplace> replace_;
+    // Owned by replace_.
+    std::FILE* file_ = nullptr;
     std::vector<uint8_t> bytes_;
     int64_t frames_ = 0;
     bool committed_ = false;

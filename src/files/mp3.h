@@ -16,9 +16,15 @@ constexpr const char* encodeFailed = "Could not encode file - make sure mp3 enco
 int32_t runEncoder(int32_t bitrate, int32_t flags, const std::filesystem::path& wav, const std::filesystem::path& mp3,
                    int32_t* exitCode = nullptr);
 
-// Encodes into a temporary file beside `mp3` and renames it over `mp3` once the encoder has made it, so
-// that a failure leaves an old file as it was; removes `wav` either way. Throws FileError with the
-// message above and what went wrong.
+// Where the WAV that becomes `mp3` is rendered: beside the file the MP3 replaces (the end of a link),
+// under a fixed name that the next render of the same file replaces; in the system's temporary folder
+// when `mp3` is a device or a FIFO.
+std::filesystem::path mp3RenderPath(const std::filesystem::path& mp3);
+
+// Saves the encoder's output by the rules of platform::FileReplace: into a temporary file beside `mp3`,
+// renamed over it once the encoder has made it, so that a failure leaves an old file as it was; straight
+// into a device or FIFO. Removes `wav` either way. Throws FileError with the message above and what went
+// wrong.
 void encodeMp3(const std::filesystem::path& wav, const std::filesystem::path& mp3, int32_t bitrate);
 
 }  // namespace files

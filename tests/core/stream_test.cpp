@@ -2,13 +2,22 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <csignal>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "platform/file_replace.h"
 #include "temp_folder.h"
 
 using namespace std::string_literals;
@@ -287,38 +296,104 @@ TEST(FileStream, ModesMissingFilesAndMixedReadWrite) {
     EXPECT_EQ(readBytes(path), "abcdXYgh");
 }
 
-TEST(AtomicFileStream, ReplacesOnlyOnASuccessfulCommit) {
+struct Saved {
+    bool committed = false;
+    std::string error;
+};
+
+// One block, so that a save into a device also has a size to patch.
+template <class Stream>
+void writeSave(Stream& stream, const std::string& payload) {
+    const int32_t start = beginBlock(stream, "take");
+    stream.write(payload.data(), static_cast<int32_t>(payload.size()));
+    stream.closeBlock(start);
+}
+
+Saved save(const std::string& path, const std::string& payload) {
+    CAtomicFileStream stream(path.c_str());
+    if (stream.isOpen()) writeSave(stream, payload);
+    const bool committed = stream.commit();
+    return {committed, stream.error().c_str()};
+}
+
+std::string drain(int fd) {
+    std::string bytes;
+    char piece[4096];
+    for (ssize_t count; (count = ::read(fd, piece, sizeof piece)) > 0;) bytes.append(piece, static_cast<size_t>(count));
+    return bytes;
+}
+
+TEST(AtomicFileStream, SavesOverWhateverStandsAtThePath) {
+    namespace fs = std::filesystem;
     TempFolder folder;
-    const std::string path = folder.file("song.qv");
-    writeBytes(path, "old");
+    CMemoryStream reference;
+    writeSave(reference, "new");
+    const std::string expected = bytesOf(reference);
+
+    const std::string file = folder.file("song.qv");
+    writeBytes(file, "old");
     {
-        CAtomicFileStream abandoned(path.c_str());
+        CAtomicFileStream abandoned(file.c_str());
         ASSERT_TRUE(abandoned.isOpen());
         abandoned.write("half", 4);
     }
-    EXPECT_EQ(readBytes(path), "old");
-    EXPECT_EQ(folder.entries(), 1u);
+    EXPECT_EQ(readBytes(file), "old");
+    writeBytes(file + platform::replaceSuffix, "left by a killed save");
+    EXPECT_TRUE(save(file, "new").committed);
+    EXPECT_EQ(readBytes(file), expected);
+    EXPECT_EQ(folder.entries(), 1u) << "no temporary file, and the stale one is gone";
 
-    if (std::filesystem::exists("/dev/full")) {
-        // The temporary file's name leads to a device where every write fails for lack of space.
-        std::filesystem::create_symlink("/dev/full", path + ".tmp");
-        CAtomicFileStream full(path.c_str());
-        ASSERT_TRUE(full.isOpen());
-        const std::string payload(1 << 16, 'n');
-        full.write(payload.data(), static_cast<int32_t>(payload.size()));
-        EXPECT_TRUE(full.writeFailed());
-        EXPECT_FALSE(full.commit());
-        // Checked before reading: a rename that went through would make the target the endless device.
-        ASSERT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(path)));
-        EXPECT_EQ(readBytes(path), "old");
+    {
+        // A write the file system refuses, as a full disk would, whoever runs the test.
+        const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{};
+        ::getrlimit(RLIMIT_FSIZE, &limit);
+        const rlimit normal = limit;
+        limit.rlim_cur = 4096;
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        const Saved failed = save(file, std::string(1 << 16, 'n'));
+        ::setrlimit(RLIMIT_FSIZE, &normal);
+        std::signal(SIGXFSZ, handler);
+        EXPECT_FALSE(failed.committed);
+        EXPECT_NE(failed.error, "");
+        EXPECT_EQ(readBytes(file), expected);
         EXPECT_EQ(folder.entries(), 1u);
     }
 
-    CAtomicFileStream save(path.c_str());
-    ASSERT_TRUE(save.isOpen());
-    save.write("new", 3);
-    EXPECT_EQ(readBytes(path), "old") << "nothing visible before commit";
-    EXPECT_TRUE(save.commit());
-    EXPECT_EQ(readBytes(path), "new");
-    EXPECT_EQ(folder.entries(), 1u);
+    // A chain of links: the file at its end is replaced in its own folder, and the links stay links.
+    fs::create_directory(folder.file("real"));
+    writeBytes(folder.file("real/take.qv"), "old");
+    fs::create_symlink("real/take.qv", folder.file("first"));
+    fs::create_symlink("first", folder.file("second"));
+    EXPECT_TRUE(save(folder.file("second"), "new").committed);
+    EXPECT_TRUE(fs::is_symlink(folder.file("second")) && fs::is_symlink(folder.file("first")));
+    EXPECT_EQ(readBytes(folder.file("real/take.qv")), expected);
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder.file("real")), {}), 1);
+
+    // A FIFO gets the bytes; held open here, so the save need not wait for a reader, and they fit its buffer.
+    const std::string pipe = folder.file("pipe");
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const int reader = ::open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    EXPECT_TRUE(save(pipe, "new").committed);
+    EXPECT_EQ(drain(reader), expected);
+    ::close(reader);
+    EXPECT_TRUE(fs::is_fifo(pipe));
+
+    // Device nodes of our own where we may make them, so that a faulty save never replaces the system's.
+    const auto device = [&](const char* name, unsigned minor) {
+        const std::string path = folder.file(name);
+        return ::mknod(path.c_str(), S_IFCHR | 0666, makedev(1, minor)) == 0 ? path : "/dev/"s + name;
+    };
+    const std::string null = device("null", 3), full = device("full", 7);
+    EXPECT_TRUE(save(null, "new").committed);
+    const Saved onFull = save(full, std::string(1 << 16, 'n'));
+    EXPECT_FALSE(onFull.committed);
+    EXPECT_NE(onFull.error.find(std::strerror(ENOSPC)), std::string::npos) << onFull.error;
+    EXPECT_TRUE(fs::is_character_file(null) && fs::is_character_file(full));
+
+    const Saved onFolder = save(folder.file("real"), "new");
+    EXPECT_FALSE(onFolder.committed);
+    EXPECT_NE(onFolder.error.find("is a folder"), std::string::npos) << onFolder.error;
+    EXPECT_TRUE(fs::is_directory(folder.file("real")));
 }

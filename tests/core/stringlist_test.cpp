@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/file_replace.h"
 #include "temp_folder.h"
 
 namespace {
@@ -102,7 +103,7 @@ TEST(StringList, FailedSaveLeavesTheOldFile) {
     const std::string path = folder.file("settings.ini");
     writeBytes(path, "old\r\n");
     // A folder where the temporary file would go makes the save fail whoever runs the test.
-    std::filesystem::create_directory(path + ".tmp");
+    std::filesystem::create_directory(path + platform::replaceSuffix);
 
     CStringList list;
     list.add("new");

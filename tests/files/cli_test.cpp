@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -84,8 +86,11 @@ TEST_F(Cli, BadOptionsFailWithAMessage) {
         {"render --demo -o x.wav --bits 12", "--bits must be 16, 24 or 32"},
         {"render --demo -o x.wav --format ogg", "--format must be wav, aiff or mp3"},
         {"render --demo -o x.mp3 --bitrate 8", "--bitrate must be between 32 and 320"},
-        {"render --demo -o x.wav --rate fast", "--rate wants a whole number"},
+        {"render --demo -o x.wav --rate -5", "--rate wants a whole number from 8000 to 192000, not '-5'"},
         {"render --demo -o x.wav --rate 1000", "between 8000 and 192000"},
+        {"render --demo -o x.mp3 --bitrate 1e3", "--bitrate wants a whole number from 32 to 320"},
+        {"render --demo -o x.flac", "writes no '.flac' files: end the name in .wav"},
+        {"render --demo -o x.wav --format mp3", "--format mp3 does not match the name x.wav"},
         {"render --demo -o x.wav --loud", "unknown option '--loud'"},
         {"render --demo -o", "-o wants a value"},
     };
@@ -96,12 +101,33 @@ TEST_F(Cli, BadOptionsFailWithAMessage) {
     EXPECT_FALSE(std::filesystem::exists("x.wav"));
 }
 
-TEST_F(Cli, UnwritablePathFailsAndLeavesNothing) {
-    const auto target = dir / "no such folder" / "demo.wav";
-    EXPECT_EQ(cli("render --demo -o '" + target.string() + "'"), 1);
-    EXPECT_NE(errors.find("cannot create"), std::string::npos) << errors;
-    EXPECT_NE(errors.find(target.string()), std::string::npos) << errors;
-    EXPECT_FALSE(std::filesystem::exists(target.parent_path()));
+// Files the commands cannot use are refused with what is wrong and what to do, and leave nothing behind.
+TEST_F(Cli, UnusableFilesAreRefusedBeforeTheWork) {
+    const std::string folder = "'" + dir.string() + "'", missing = "'" + (dir / "no such folder" / "demo.wav").string() + "'";
+    std::ofstream(dir / "damaged.qv") << "QV3 cut short";
+    // A node of our own, so that a faulty save never replaces the system's /dev/full.
+    const auto full = dir / "full";
+    ASSERT_EQ(std::system(("mknod '" + full.string() + "' c 1 7 2>/dev/null || ln -s /dev/full '" + full.string() + "'").c_str()), 0);
+    struct Row {
+        std::string args;
+        std::string message;
+    };
+    const Row rows[] = {
+        {"render --demo -o " + missing, "no such folder does not exist; create it first"},
+        {"import --demo -o " + missing, "no such folder does not exist; create it first"},
+        {"render --demo -o " + folder, "is a folder: give the name of a file inside it"},
+        {"info " + folder, "is a folder, not a file"},
+        {"render " + folder + " --soundfont x.sf2 -o " + folder + "/x.wav", "is a folder, not a file"},
+        {"render '" + (dir / "damaged.qv").string() + "' -o " + folder + "/x.wav", "the project could not be read"},
+        {"render --demo --rate 8000 -o '" + full.string() + "'", std::strerror(ENOSPC)},
+        {"import --demo -o '" + full.string() + "'", full.string() + ": "},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(cli(row.args), 1) << row.args;
+        EXPECT_NE(errors.find(row.message), std::string::npos) << row.args << "\n" << errors;
+    }
+    EXPECT_TRUE(std::filesystem::is_character_file(full));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 5) << "the project, the node and three logs";
 }
 
 TEST_F(Cli, AiffAndMp3FollowTheExtensionAndLameEncodes) {
@@ -173,7 +199,7 @@ TEST_F(Cli, MidiFileThroughASoundFontAndWhatIsNeitherFails) {
     EXPECT_EQ(cli("render '" + song + "' --soundfont '" + song + "' -o '" + wav.string() + "'"), 1);
     EXPECT_NE(errors.find(song), std::string::npos) << errors;
     EXPECT_EQ(cli("render '" + font + "' --soundfont '" + font + "' -o '" + wav.string() + "'"), 1);
-    EXPECT_NE(errors.find("not a MIDI file"), std::string::npos) << errors;
+    EXPECT_NE(errors.find("nor a Standard MIDI file"), std::string::npos) << errors;
     const auto cut = dir / "cut.sf2";
     std::ofstream(cut, std::ios::binary) << readText(font).substr(0, 100000);
     EXPECT_EQ(cli("info '" + cut.string() + "'"), 1);

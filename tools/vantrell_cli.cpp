@@ -233,7 +233,9 @@ int main(int argc, char** argv) {
         if (args[0] != "render") throw UsageError{"unknown command '" + std::string(args[0]) + "'"};
         return render(parseRender({args.begin() + 1, args.end()}));
     } catch (const UsageError& error) {
-        std::fprintf(stderr, "vantrell-cli: %s\n%s", error.message.c_str(), usage);
+        // One line that says what is wrong reads better than the whole option table after it.
+        std::fprintf(stderr, "vantrell-cli: %s\n(vantrell-cli --help lists the commands and options)\n",
+                     error.message.c_str());
         return exitUsage;
     } catch (const cli::FileRefused& error) {
         std::fprintf(stderr, "vantrell-cli: %s\n", error.message.c_str());

@@ -447,14 +447,20 @@ TEST(Project, OutOfRangeValuesAreBroughtIntoRangeWhenRead) {
          [](const CSeq&, const CTrack&, const CPart& p, const COutputChannel&) { return p.start == maxSongTick && p.offset == maxSongTick; }},
         {"negative length", [](CSeq&, CTrack&, CPart& p, COutputChannel&) { p.length = -5000; },
          [](const CSeq&, const CTrack&, const CPart& p, const COutputChannel&) { return p.length == 0; }},
-        {"huge deltas", [](CSeq&, CTrack&, CPart& p, COutputChannel&) { for (CEventRec* e = p.events; e; e = e->next) e->delta = 0xF0000000u; },
+        {"huge deltas", [](CSeq&, CTrack&, CPart& p, COutputChannel&) { for (CEventRec* e = p.getEvents(); e; e = e->next) e->delta = 0xF0000000u; },
          [](const CSeq&, const CTrack&, const CPart& p, const COutputChannel&) {
              int64_t sum = 0;
-             for (const CEventRec* e = p.events; e; e = e->next) sum += e->delta;
+             for (const CEventRec* e = p.getEvents(); e; e = e->next) sum += e->delta;
              return sum <= maxSongTick;
          }},
-        {"NaN automation", [nan](CSeq&, CTrack&, CPart& p, COutputChannel&) { p.automation[2]->value = nan, p.automation[2]->curve = nan; },
-         [](const CSeq&, const CTrack&, const CPart& p, const COutputChannel&) { return p.automation[2]->value == 0.0f && p.automation[2]->curve == 0.0f; }},
+        {"NaN automation", [nan](CSeq&, CTrack&, CPart& p, COutputChannel&) {
+             auto& point = static_cast<CAutomationRec&>(*p.getAutomation(2));
+             point.value = nan, point.curve = nan;
+         },
+         [](const CSeq&, const CTrack&, const CPart& p, const COutputChannel&) {
+             const auto& point = static_cast<const CAutomationRec&>(*p.getAutomation(2));
+             return point.value == 0.0f && point.curve == 0.0f;
+         }},
         {"locators far out", [](CSeq& seq, CTrack&, CPart&, COutputChannel&) { seq.currentProg()->leftLocator = INT32_MIN, seq.currentProg()->rightLocator = INT32_MAX; },
          [](const CSeq& seq, const CTrack&, const CPart&, const COutputChannel&) { return seq.currentProg()->leftLocator == 0 && seq.currentProg()->rightLocator == maxSongTick; }},
         {"infinite volume", [inf](CSeq&, CTrack&, CPart&, COutputChannel& strip) { strip.volume = inf, strip.pan = -inf; },

@@ -11,9 +11,10 @@
 
 namespace fuzzing {
 
-// A low rate and short blocks keep each input cheap while the sequencer still moves through its ticks.
+// A low rate and short blocks keep each input cheap while the sequencer still moves through its ticks:
+// the synthesizers' work grows with the frames played, and a block of 64 is 8 ms.
 constexpr double fuzzRate = 8000.0;
-constexpr int32_t fuzzBlock = 256;
+constexpr int32_t fuzzBlock = 64;
 
 inline CQV& fuzzEngine() {
     static CQV* const engine = [] {

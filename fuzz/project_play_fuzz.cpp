@@ -8,9 +8,8 @@
 
 namespace {
 
-constexpr int32_t cycles = 12;
-// Short enough that the cycles above cross it a few times even at the slowest tempo a project may set.
-constexpr int32_t loopTicks = 120;
+constexpr int32_t cycles = 16;
+constexpr int32_t loopWraps = 3;
 
 CSeq* sequencerOf(const CQV& engine) {
     for (CComp* comp : engine.comps)
@@ -34,9 +33,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CSeq* seq = sequencerOf(engine);
     const CSeqProg* prog = seq ? seq->currentProg() : nullptr;
     if (!prog) return 0;
-    // The file's own loop plays when it is short enough to be crossed; otherwise one at the first part.
+    // The file's own loop plays when the cycles cross it; otherwise one at the first part that they
+    // cross a few times at the project's tempo.
+    const double played = cycles * fuzzing::fuzzBlock * ticksPerFrame(engine.bpm.load(), fuzzing::fuzzRate);
+    const int32_t loopTicks = std::max(static_cast<int32_t>(played / loopWraps), 1);
     int32_t left = prog->leftLocator, right = prog->rightLocator;
-    if (left >= right || right - left > 4 * loopTicks) {
+    if (left >= right || right - left > loopTicks) {
         left = firstPartStart(*prog);
         right = left + loopTicks;
     }

@@ -425,6 +425,16 @@ TEST(Project, DamagedFilesLoadWhatTheyCanAndNeverCrash) {
         for (int32_t k = 0; k < 1 + trial % 8; ++k) bytes[7 + random() % (bytes.size() - 7)] = static_cast<uint8_t>(random());
         exercise(bytes);
     }
+    // Each terminal block lost in turn (its tag unknown): a component short of a port or channel plays nothing.
+    for (const std::string tag : {"min", "mout", "ain", "aout", "mini", "mouti", "aini", "aouti"}) {
+        const std::string header = std::string{static_cast<char>(tag.size()), '\0', '\0', '\0'} + tag;
+        for (auto at = std::search(good.begin(), good.end(), header.begin(), header.end()); at != good.end();
+             at = std::search(at + 1, good.end(), header.begin(), header.end())) {
+            std::vector<uint8_t> bytes = good;
+            bytes[static_cast<size_t>(at - good.begin()) + header.size() - 1] = '_';
+            EXPECT_EQ(exercise(bytes).first, LoadOutcome::loaded) << tag;
+        }
+    }
 }
 
 // Values that playback computes with, damaged in a saved file: each is brought into range as it is

@@ -1,7 +1,8 @@
 # make run   : set up, build, and render the demo song to build/demo.wav
 # make test  : set up, build, and run every test (release, then engine tests under ASan/UBSan and TSan)
 # make bench : set up, build, and run the benchmarks
-# make fuzz  : set up, build the fuzzers, and run each for FUZZ_SECONDS (default 60) from real files
+# make fuzz  : set up, build the fuzzers, and run each for FUZZ_SECONDS (default 60), or FUZZ_RUNS
+#              executions, from real files; FUZZ_TARGETS="project_fuzz ..." picks some
 
 JOBS ?= $(shell nproc)
 CMAKE ?= cmake
@@ -49,7 +50,7 @@ bench: release
 	for b in build/release/bench/*_bench; do $$b || exit 1; done
 
 fuzz: bootstrap
-	JOBS=$(JOBS) FUZZ_SECONDS=$(or $(FUZZ_SECONDS),60) scripts/fuzz
+	JOBS=$(JOBS) FUZZ_SECONDS=$(or $(FUZZ_SECONDS),60) FUZZ_RUNS=$(FUZZ_RUNS) FUZZ_TARGETS="$(FUZZ_TARGETS)" scripts/fuzz
 
 clang: bootstrap
 	$(CMAKE) --preset clang

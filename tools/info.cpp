@@ -77,7 +77,8 @@ int describeMidi(const std::string& path) {
         std::printf("  %-24s channel %-4s %d notes\n", track->name.c_str(),
                     track->channel < 0 ? "mix" : std::to_string(track->channel + 1).c_str(), notes);
     }
-    return 0;
+    std::fflush(stdout);
+    return projectcli::tellDamage(path, song.damage);
 }
 
 bool isSoundFont(const Head& head) { return head.is(0, "RIFF") && head.is(8, "sfbk"); }

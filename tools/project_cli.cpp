@@ -64,18 +64,19 @@ CSeq* sequencerOf(const CQV& engine) {
     return nullptr;
 }
 
-void openInto(CQV& engine, const std::filesystem::path& path) {
+void openInto(CQV& engine, const std::filesystem::path& path, files::DamageReport& damage) {
     Said said;
-    if (!files::openProject(engine, path.c_str(), said.context()))
+    if (!files::openProject(engine, path.c_str(), said.context(), &damage))
         throw std::runtime_error(path.string() + ": " + (said.text.empty() ? "the project could not be read\n" : said.text));
     if (!said.text.empty()) std::fputs(said.text.c_str(), stderr);
 }
 
 // A MIDI file's tracks, each played by a sampler of its own through one audio output.
-void buildFromMIDI(CQV& engine, const std::filesystem::path& path) {
+void buildFromMIDI(CQV& engine, const std::filesystem::path& path, files::DamageReport& damage) {
     const auto [seq, out] = files::addSongFrame(engine, importRate);
     const files::MidiImport imported = files::importMIDI(*seq, nullptr, path.c_str(), nullptr, 0);
     if (!imported.isMidi) throw std::runtime_error(path.string() + ": not a Standard MIDI file");
+    damage = imported.damage;
     for (CTrack* track : imported.newTracks) {
         if (track->type != trackInstrument || !track->firstOutputPort()) continue;
         auto* sampler = new CSampler(&engine);
@@ -127,6 +128,13 @@ std::string label(const CQV& engine, const CComp* comp) {
 
 }  // namespace
 
+int tellDamage(const std::string& path, const files::DamageReport& damage) {
+    if (damage.empty()) return 0;
+    std::fprintf(stderr, "vantrell-cli: %s is damaged; what could be read was used, this was lost:\n", path.c_str());
+    for (const std::string& line : damage.lines) std::fprintf(stderr, "  %s\n", line.c_str());
+    return exitDamaged;
+}
+
 bool hasProjectMagic(const unsigned char* bytes, size_t size) {
     return size >= 7 && bytes[0] == 3 && bytes[1] == 0 && bytes[2] == 0 && bytes[3] == 0 && std::memcmp(bytes + 4, "QV3", 3) == 0;
 }
@@ -146,7 +154,7 @@ bool isProjectFile(const std::filesystem::path& path) {
 
 ProjectSong::ProjectSong(const std::filesystem::path& path, double sampleRate) : engine(EngineOptions{false, 1}) {
     engine.setSampleRate(sampleRate);
-    openInto(engine, path);
+    openInto(engine, path, damage_);
     lengthTicks_ = songEnd(engine) + tailTicks;
 }
 
@@ -181,6 +189,7 @@ int runImport(const std::vector<std::string_view>& args) {
         std::unique_ptr<files::GmSong> gmSong;
         std::unique_ptr<CQV> opened;
         CQV* engine = nullptr;
+        files::DamageReport damage;
         if (demo) {
             demoSong = std::make_unique<demo::DemoSong>(importRate);
             engine = &demoSong->engine;
@@ -190,11 +199,12 @@ int runImport(const std::vector<std::string_view>& args) {
             if (!files::readSoundFont(*bank, soundFont.c_str())) return failure(soundFont.string() + ": not a SoundFont that can be read");
             gmSong = std::make_unique<files::GmSong>(importRate, input.c_str(), *bank);
             engine = &gmSong->engine;
+            damage = gmSong->damage();
         } else {
             opened = std::make_unique<CQV>(EngineOptions{false, 1});
             engine = opened.get();
-            if (isProjectFile(input)) openInto(*engine, input);
-            else if (hasMIDIMagic(input)) buildFromMIDI(*engine, input);
+            if (isProjectFile(input)) openInto(*engine, input, damage);
+            else if (hasMIDIMagic(input)) buildFromMIDI(*engine, input, damage);
             else if (cli::extensionOf(input) == ".qv") return failure(input.string() + ": the project could not be read: the file is damaged or no project; open a backup or another copy");
             else return failure(input.string() + ": neither a project nor a Standard MIDI file");
         }
@@ -208,7 +218,7 @@ int runImport(const std::vector<std::string_view>& args) {
                     counts.parts, counts.events, engine->comps.count());
         if (!noSize) std::printf(", %lld bytes", static_cast<long long>(bytes));
         std::printf("\n");
-        return 0;
+        return tellDamage(input.string(), damage);
     } catch (const std::exception& error) {
         return failure(error.what());
     }
@@ -216,8 +226,9 @@ int runImport(const std::vector<std::string_view>& args) {
 
 int describeProject(const std::string& path) {
     CQV engine(EngineOptions{false, 1});
+    files::DamageReport damage;
     try {
-        openInto(engine, path);
+        openInto(engine, path, damage);
     } catch (const std::exception& error) {
         return failure(error.what());
     }
@@ -266,7 +277,8 @@ int describeProject(const std::string& path) {
     };
     for (const CComp* comp : engine.comps) listCables(comp);
     for (const CComp* group : engine.groupChannels) listCables(group);
-    return 0;
+    std::fflush(stdout);
+    return tellDamage(path, damage);
 }
 
 }  // namespace projectcli

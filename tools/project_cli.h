@@ -15,8 +15,16 @@
 #include <vector>
 
 #include "engine/engine.h"
+#include "files/damage.h"
 
 namespace projectcli {
+
+// The exit status of a command that wrote its output, or described its input, from a damaged file.
+constexpr int exitDamaged = 3;
+
+// Prints what was lost of `path` to standard error; the exit status of a command that got this far:
+// 0 for a whole file, exitDamaged otherwise.
+int tellDamage(const std::string& path, const files::DamageReport& damage);
 
 // The first bytes of a project file.
 bool hasProjectMagic(const unsigned char* bytes, size_t size);
@@ -34,14 +42,17 @@ public:
 
     // The end of the last part of the current arrangement, and one bar more for releases and tails.
     int32_t lengthTicks() const { return lengthTicks_; }
+    const files::DamageReport& damage() const { return damage_; }
 
     CQV engine;
 
 private:
     int32_t lengthTicks_ = 0;
+    files::DamageReport damage_;
 };
 
-// vantrell-cli import: 0, 1 with a message when a file could not be read or written, 2 on a usage error.
+// vantrell-cli import: 0, 1 with a message when a file could not be read or written, 2 on a usage error,
+// 3 when the project was written from a damaged input.
 int runImport(const std::vector<std::string_view>& args);
 
 // Prints the project's tempo, length, tracks with their parts and events, components and cables.

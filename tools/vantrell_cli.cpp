@@ -180,8 +180,9 @@ private:
     bool shown_;
 };
 
+// Writes the song; the exit status says whether its input was whole (`damage` lists what it lost).
 template <class Song>
-int renderSong(Song& song, const RenderOptions& options) {
+int renderSong(Song& song, const RenderOptions& options, const files::DamageReport& damage = {}) {
     // MP3 renders to a WAV beside the target first, which the encoder then turns into the MP3.
     const std::filesystem::path wavPath = options.mp3 ? files::mp3RenderPath(options.output) : options.output;
     files::AudioWriter writer(wavPath, options.format);
@@ -199,7 +200,8 @@ int renderSong(Song& song, const RenderOptions& options) {
                 files::bitsOf(options.format.sample),
                 options.mp3 ? " into MP3" : options.format.sample == files::SampleFormat::float32 ? " float" : "",
                 static_cast<double>(result.peak), seconds, seconds > 0.0 ? audio / seconds : 0.0);
-    return EXIT_SUCCESS;
+    std::fflush(stdout);
+    return projectcli::tellDamage(options.midi.string(), damage);
 }
 
 int render(const RenderOptions& options) {
@@ -209,13 +211,13 @@ int render(const RenderOptions& options) {
     }
     if (projectcli::isProjectFile(options.midi)) {
         projectcli::ProjectSong song(options.midi, options.format.rate);
-        return renderSong(song, options);
+        return renderSong(song, options, song.damage());
     }
     files::SoundFontBank bank;
     if (!files::readSoundFont(bank, options.soundFont.c_str()))
         throw std::runtime_error(options.soundFont.string() + ": " + bank.error);
     files::GmSong song(options.format.rate, options.midi.c_str(), bank);
-    return renderSong(song, options);
+    return renderSong(song, options, song.damage());
 }
 
 }  // namespace

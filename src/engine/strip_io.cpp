@@ -42,24 +42,25 @@ void writeStrip(const COutputChannel& channel, CStream& stream) {
 }
 
 void readStrip(COutputChannel& channel, CStream& stream) {
-    auto readFloat = [&stream](std::atomic<float>& field) {
+    // A value from the file within the control's range; not a number keeps what was there.
+    auto readFloat = [&stream](std::atomic<float>& field, float low, float high) {
         float value = field.load(std::memory_order_relaxed);
         stream.readF32(value);
-        field.store(value, std::memory_order_relaxed);
+        if (value == value) field.store(std::clamp(value, low, high), std::memory_order_relaxed);
     };
     auto readByte = [&stream](std::atomic<uint8_t>& field) {
         uint8_t value = field.load(std::memory_order_relaxed);
         stream.readU8(value);
         field.store(value, std::memory_order_relaxed);
     };
-    readFloat(channel.volume);
-    readFloat(channel.pan);
-    readFloat(channel.trim);
+    readFloat(channel.volume, 0.0f, 1.0f);
+    readFloat(channel.pan, -1.0f, 1.0f);
+    readFloat(channel.trim, -1.0f, 1.0f);
     stream.readF32(channel.storedValue);
     readByte(channel.solo);
     readByte(channel.mute);
     for (uint8_t& byte : channel.storedBytes) stream.readU8(byte);
-    readFloat(channel.outLevel);
+    readFloat(channel.outLevel, 0.0f, 1.0f);
     for (int32_t i = 0; i < stripZeroWords; ++i) {
         int32_t zero = 0;
         stream.readI32(zero);
@@ -116,7 +117,8 @@ void readSends(COutputChannel& channel, CStream& stream, uint32_t blockSize) {
     for (int32_t k = 0; k < count; ++k) {
         float level = 0.0f;
         if (!stream.readF32(level)) return;
-        if (k < COutputChannel::maxSends) channel.sends[k]->level.store(level, std::memory_order_relaxed);
+        if (k < COutputChannel::maxSends && level == level)
+            channel.sends[k]->level.store(std::clamp(level, 0.0f, 1.0f), std::memory_order_relaxed);
     }
 }
 

@@ -130,6 +130,7 @@ GmSong::GmSong(double sampleRate, const CString& midiPath, const SoundFontBank& 
     if (!CFileStream(midiPath, CFileStream::openRead).isOpen()) throw SongError(std::string("can't open ") + midiPath.c_str());
     const MidiImport imported = importMIDI(*seq, nullptr, midiPath, nullptr, 0);
     if (!imported.isMidi) throw SongError(std::string("not a MIDI file: ") + midiPath.c_str());
+    damage_ = imported.damage;
     CSeqProg& prog = *seq->currentProg();
     const std::vector<Event> events = gatherEvents(prog);
     // The imported tracks stay, empty: their notes move to the tracks made below.

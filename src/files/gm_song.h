@@ -12,6 +12,7 @@
 #include "engine/engine.h"
 #include "engine/io.h"
 #include "seq/seq.h"
+#include "files/damage.h"
 #include "files/soundfont.h"
 
 namespace files {
@@ -42,6 +43,8 @@ public:
     int32_t noteCount() const { return notes_; }
     // The preset of each sampler, in the order the samplers were made.
     const std::vector<const SoundFontPreset*>& presets() const { return presets_; }
+    // What a damaged MIDI file lost; the song holds what could be read.
+    const DamageReport& damage() const { return damage_; }
 
     CQV engine;
 
@@ -50,6 +53,7 @@ private:
     int32_t samplers_ = 0;
     int32_t notes_ = 0;
     std::vector<const SoundFontPreset*> presets_;
+    DamageReport damage_;
 };
 
 }  // namespace files

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <string>
 
 #include "core/stream.h"
 #include "engine/engine.h"
@@ -115,7 +116,10 @@ public:
             return;
         }
         result_.isMidi = true;
-        if (!in.u32(headerSize) || !in.u16(format) || !in.u16(tracks) || !in.u16(division)) return;
+        if (!in.u32(headerSize) || !in.u16(format) || !in.u16(tracks) || !in.u16(division)) {
+            result_.damage.add("the file ends inside its header: nothing could be read");
+            return;
+        }
         result_.format = static_cast<int32_t>(format);
         result_.division = static_cast<int32_t>(division);
         setDivision(division);
@@ -123,25 +127,38 @@ public:
         if (headerSize > 6) in.moveTo(8 + size_t{headerSize});
 
         bool intact = true;
+        uint32_t trackChunks = 0;
         while (in.left() >= 8) {
             uint32_t size = 0;
             in.id(id);
             in.u32(size);
             const size_t end = in.position() + size;
-            if (end > bytes.size()) intact = false;
-            if (std::strcmp(id, "MTrk") == 0) {
+            const bool isTrack = std::strcmp(id, "MTrk") == 0;
+            trackChunks += isTrack ? 1 : 0;
+            if (end > bytes.size()) {
+                intact = false;
+                result_.damage.add(std::string(isTrack ? "track " + std::to_string(trackChunks) : "chunk") + " claims " +
+                                   std::to_string(size) + " bytes, but the file ends " +
+                                   std::to_string(end - bytes.size()) + " bytes before that: it is cut short");
+            }
+            if (isTrack) {
                 in.limit(end);
                 const bool fine = readTrack(in);
                 in.limit(bytes.size());
                 endChunk();
                 if (!fine) {
                     platform::debugLine("Invalid file format (3)");
+                    result_.damage.add("track " + std::to_string(trackChunks) + " is damaged at byte " +
+                                       std::to_string(in.position()) + ": it and the rest of the file are lost");
                     intact = false;
                     break;
                 }
             }
             in.moveTo(end);
         }
+        if (intact && trackChunks < tracks)
+            result_.damage.add("the header names " + std::to_string(tracks) + " tracks, the file holds " +
+                               std::to_string(trackChunks));
         result_.complete = intact;
         assignChannels();
     }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "core/string.h"
+#include "files/damage.h"
 
 class CMIDIPart;
 class CSeq;
@@ -27,6 +28,7 @@ struct MidiImport {
     int32_t division = 0;
     std::vector<CTrack*> newTracks;    // made by this import, in file order
     std::vector<CMIDIPart*> newParts;  // one for each chunk that had channel events
+    DamageReport damage;               // what a damaged file lost
 };
 
 // Reads the file at `path` into the current arrangement. `songTrack`, when it holds no parts, is the

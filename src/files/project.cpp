@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <limits>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <system_error>
 #include <vector>
@@ -224,23 +225,35 @@ struct TerminalCursor {
 
 class ProjectReader {
 public:
-    ProjectReader(CQV& engine, CStream& stream, const ProjectContext& context)
-        : engine_(engine), stream_(stream), context_(context) {}
+    ProjectReader(CQV& engine, CStream& stream, const ProjectContext& context, DamageReport& damage)
+        : engine_(engine), stream_(stream), context_(context), damage_(damage) {}
 
     void run() {
-        CBlockReader blocks(stream_, blocksEnd());
+        const int32_t end = blocksEnd();
+        CBlockReader blocks(stream_, end);
         while (blocks.next()) {
             tag_ = blocks.tag();
             size_ = static_cast<int32_t>(blocks.size());
+            const int32_t start = stream_.tell();
             if (size_ < 0) {
                 report(context_, "Error", "Block size error: '" + tag_ + "' (" + intToString(size_) + ").");
+                damage_.add("block '" + std::string(tag_.c_str()) + "' at byte " + std::to_string(start) +
+                            " has a size below 0: the project could not be read");
                 throw LoadAbort{};
             }
             const Read read = dispatch(blocks);
+            if (blocks.blockEnd() > end) {
+                damage_.add("the file ends inside block '" + std::string(tag_.c_str()) + "'" + compLabel() + " at byte " +
+                            std::to_string(start) + ": " + std::to_string(blocks.blockEnd() - end) + " of its " +
+                            std::to_string(size_) + " bytes, and whatever followed it, are missing");
+            }
             if (read != Read::damaged && stream_.tell() == blocks.blockEnd()) continue;
             if (read != Read::skipped) {
                 report(context_, "Error",
                      "Error reading block: '" + tag_ + "' (" + intToString(size_) + "). Trying to read rest of file...");
+                if (blocks.blockEnd() <= end)
+                    damage_.add("block '" + std::string(tag_.c_str()) + "'" + compLabel() + " at byte " +
+                                std::to_string(start) + " is damaged: it was read up to the damage");
             }
             if (stream_.seek(blocks.blockEnd(), seekFromStart) != blocks.blockEnd()) throw LoadAbort{};
         }
@@ -254,6 +267,12 @@ public:
     }
 
 private:
+    // The component a "comp2" block held, for the report.
+    std::string compLabel() const {
+        if (!lastComp_ || std::string_view(tag_.c_str()) != "comp2") return {};
+        return " (component '" + std::string(lastComp_->name.c_str()) + "')";
+    }
+
     int32_t blocksEnd() {
         // Blocks run to the end of the stream; one that claims more is cut off by the header check.
         const int32_t here = stream_.tell();
@@ -326,14 +345,23 @@ private:
         channels_.reset();
         terminals_.address(nullptr);
         current_ = nullptr;
-        if (!readHead(stream_, blocks.blockEnd(), head)) return;
+        lastComp_ = nullptr;
+        if (!readHead(stream_, blocks.blockEnd(), head)) {
+            damage_.add("a component at byte " + std::to_string(blocks.blockEnd() - static_cast<int32_t>(blocks.size())) +
+                        " is dropped: its header is damaged");
+            return;
+        }
 
         CComp* comp = nullptr;
         if (head.frameClass == frameEngine) {
             comp = &engine_;
         } else if (head.frameClass == frameGroup) {
             // A group is a group channel whatever the type says; a send can reach no more than maxSends.
-            if (engine_.groupChannels.count() >= COutputChannel::maxSends) return;
+            if (engine_.groupChannels.count() >= COutputChannel::maxSends) {
+                damage_.add("group channel '" + std::string(head.name.c_str()) + "' is dropped: a project holds at most " +
+                            std::to_string(COutputChannel::maxSends));
+                return;
+            }
             comp = makeFromHead(&engine_, head, compGroupChannel);
             comp->orderClass = orderGroup;
             engine_.addGroupChannel(static_cast<CGroupCh*>(comp));
@@ -342,8 +370,12 @@ private:
             engine_.addComp(comp);
         }
         loadingComp_ = comp;
+        lastComp_ = comp;
         comp->load(stream_, blocks.blockEnd());
         loadingComp_ = nullptr;
+        if (comp->isSequencer())
+            for (const std::string& line : static_cast<CSeq*>(comp)->loadDamage)
+                damage_.add("in '" + std::string(comp->name.c_str()) + "': " + line);
         current_ = comp;
         channels_ = std::make_unique<CChannelReader>(*comp, insertIOForReading);
         terminals_.address(comp);
@@ -427,9 +459,11 @@ private:
     CQV& engine_;
     CStream& stream_;
     const ProjectContext& context_;
+    DamageReport& damage_;
     CString tag_;
     int32_t size_ = 0;
     CComp* loadingComp_ = nullptr;
+    CComp* lastComp_ = nullptr;
     CComp* current_ = nullptr;
     std::unique_ptr<CChannelReader> channels_;
     TerminalCursor terminals_;
@@ -468,7 +502,10 @@ private:
 
 }  // namespace
 
-LoadOutcome readProject(CQV& engine, CStream& stream, const ProjectContext& context) {
+LoadOutcome readProject(CQV& engine, CStream& stream, const ProjectContext& context, DamageReport* damage) {
+    DamageReport unused;
+    DamageReport& lost = damage ? *damage : unused;
+    lost.lines.clear();
     if (!readMagic(stream)) return LoadOutcome::notProject;
     // Every component a project may name must be known to createComp before the first frame.
     [[maybe_unused]] static const bool registered = [] {
@@ -481,7 +518,7 @@ LoadOutcome readProject(CQV& engine, CStream& stream, const ProjectContext& cont
     // Steps still waiting in the queue were built for the old project: they run on it before it goes.
     engine.deferred->drainNow();
     clearProject(engine);
-    ProjectReader reader(engine, stream, context);
+    ProjectReader reader(engine, stream, context, lost);
     try {
         reader.run();
         return LoadOutcome::loaded;
@@ -489,6 +526,7 @@ LoadOutcome readProject(CQV& engine, CStream& stream, const ProjectContext& cont
         platform::debugLine(reader.failedWhat().c_str());
     } catch (const std::exception&) {
         platform::debugLine(reader.failedWhat().c_str());
+        lost.add(std::string(reader.failedWhat().c_str()) + ": the project could not be read");
     }
     clearProject(engine);
     engine.createPorts();
@@ -496,7 +534,7 @@ LoadOutcome readProject(CQV& engine, CStream& stream, const ProjectContext& cont
     return LoadOutcome::failed;
 }
 
-bool openProject(CQV& engine, const CString& path, const ProjectContext& context) {
+bool openProject(CQV& engine, const CString& path, const ProjectContext& context, DamageReport* damage) {
     if (saving.load(std::memory_order_acquire)) return false;
     // The whole file is read at once: the reader asks for its position at every field, which on a file
     // is a system call each time. Only a file that opens with the magic, as writeString stores it, is
@@ -506,7 +544,7 @@ bool openProject(CQV& engine, const CString& path, const ProjectContext& context
     CMemoryStream stream;
     const bool read = size > 0 && stream.write(bytes.data(), size) == size;
     stream.seek(0, seekFromStart);
-    const LoadOutcome outcome = read ? readProject(engine, stream, context) : LoadOutcome::notProject;
+    const LoadOutcome outcome = read ? readProject(engine, stream, context, damage) : LoadOutcome::notProject;
     if (outcome == LoadOutcome::notProject) {
         report(context, "Error", "Can't open " + fileName(path) + ". Not a VNT64 project");
         return false;

@@ -12,6 +12,7 @@
 #include <functional>
 
 #include "core/string.h"
+#include "files/damage.h"
 
 class CMixer;
 class CQV;
@@ -34,10 +35,13 @@ enum class LoadOutcome {
 };
 
 // Replaces the engine's project with the one in the stream. The audio cycle stays out while it runs.
-LoadOutcome readProject(CQV& engine, CStream& stream, const ProjectContext& context = {});
+// Every value is brought into the range playback works in as it is read. With `damage`, what a damaged
+// file lost is listed there (it stays empty for a whole file).
+LoadOutcome readProject(CQV& engine, CStream& stream, const ProjectContext& context = {},
+                        DamageReport* damage = nullptr);
 // Opens the file and reads it; on success the engine's projectPath is the path. A missing file or one
 // that is no project gives "Can't open" and leaves the project as it was.
-bool openProject(CQV& engine, const CString& path, const ProjectContext& context = {});
+bool openProject(CQV& engine, const CString& path, const ProjectContext& context = {}, DamageReport* damage = nullptr);
 
 // Writes the magic and every block of the project.
 void writeProject(CQV& engine, CStream& stream, const ProjectContext& context = {});

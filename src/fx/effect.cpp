@@ -77,6 +77,8 @@ void CEffect::render(int32_t offset, int32_t frames) {
     if (offset + frames > scratchFrames_) return;
     const CInputChannel* in = firstInputChannel();
     COutputChannel* out = firstOutputChannel();
+    // A damaged project can leave an effect without a channel; like any component, it then plays nothing.
+    if (!in || !out || !in->left() || !out->left()) return;
     const float* inL = in->left() + offset;
     const float* inR = in->right() + offset;
     float* outL = out->left() + offset;

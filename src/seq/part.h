@@ -17,6 +17,11 @@ class CSubTrack;
 
 // One quarter note.
 constexpr int32_t ticksPerQuarter = 960;
+// The furthest tick a file may place anything at, and the longest a chain of events may run: playback
+// adds a part's start, its offset and the deltas of a chain in 32 bits, and with each of them within
+// this bound (an offset within it either way) every such sum stays in range. 2^29 ticks is 37 hours
+// at the fastest tempo.
+constexpr int32_t maxSongTick = 1 << 29;
 constexpr int32_t automationSlots = 64;
 constexpr int32_t maxCursors = automationSlots + 1;
 

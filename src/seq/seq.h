@@ -4,6 +4,7 @@
 // own lists, so the modular view shows one box with a pair of terminals per track.
 
 #include <cstdint>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -82,6 +83,8 @@ public:
     // Automation targets may lie in components loaded after the sequencer: once the engine's lists are
     // complete, the paths read by load become pointers.
     void resolveAutomationTargets();
+    // What the last load lost, one line for the user each: tracks, parts and events cut or dropped.
+    std::vector<std::string> loadDamage;
 
     TList<CTrack> tracks;        // owned
     TList<CPart> ghostSources;   // owned; hidden sources of ghost parts, never played

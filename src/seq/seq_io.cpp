@@ -3,6 +3,7 @@
 // that belongs to a track or a part follows it and goes to the last one read.
 
 #include <algorithm>
+#include <string>
 
 #include "core/block_in.h"
 #include "core/stream.h"
@@ -21,11 +22,13 @@ constexpr uint32_t timesigHead = 36;
 constexpr uint32_t tempoDeclared = 32;
 constexpr uint32_t grooveHead = 28;
 constexpr int32_t maxGrooveSteps = 64;
+constexpr int32_t maxGrooveGrid = 4 * ticksPerQuarter;
 constexpr int32_t optionBytes = 32;
 constexpr int32_t placeWords = 8;
 constexpr int32_t defaultTracksWidth = 128;
 constexpr uint8_t partKindByte = 2;
 constexpr uint32_t noGhost = 0xFFFFFFFF;
+constexpr float minTempo = 10.0f, maxTempo = 250.0f;
 
 // List codes of an automation path.
 constexpr uint8_t listEngine = 0;
@@ -38,6 +41,13 @@ constexpr uint8_t pathSend = 7;
 
 // Drum event extras: index, and the value that is not written.
 constexpr uint8_t drumVelocity = 0, drumPan = 1, drumPitch = 2;
+
+// Values read from a file, brought into the range the program works in: not a number gives the default,
+// so nothing out of range reaches playback.
+float floatIn(float value, float low, float high, float fallback) {
+    return value == value ? std::clamp(value, low, high) : fallback;
+}
+int32_t tickIn(int32_t tick) { return std::clamp(tick, 0, maxSongTick); }
 
 void writeU32Block(CStream& stream, const char* tag, uint32_t value) {
     writeBlockHeader(stream, tag, 4);
@@ -339,38 +349,45 @@ CPart* makePart(int32_t subKind) {
     }
 }
 
-// Appends records to the part's own chain, keeping each delta as read.
+// Appends records to the part's own chain, keeping each delta as read as long as the chain stays within
+// maxSongTick of its head; later records are moved back to that bound.
 class ChainBuilder {
 public:
     explicit ChainBuilder(CEventRec*& head) : link_(&head) {
-        while (*link_) link_ = &(*link_)->next;
+        for (; *link_; link_ = &(*link_)->next) length_ += (*link_)->delta;
     }
     void add(CEventRec* event) {
+        event->delta = static_cast<uint32_t>(std::min<int64_t>(event->delta, std::max<int64_t>(maxSongTick - length_, 0)));
+        length_ += event->delta;
         *link_ = event;
         link_ = &event->next;
     }
 
 private:
     CEventRec** link_;
+    int64_t length_ = 0;
 };
 
-// Reads `count` records with `readOne`, which returns null at the first damaged one.
+// Reads `count` records with `readOne`, which returns null at the first damaged one; says how many of
+// how many were read when the block ends early.
 template <class ReadOne>
-void readRecords(BlockIn& in, CEventRec*& head, ReadOne readOne) {
+std::string readRecords(BlockIn& in, CEventRec*& head, ReadOne readOne) {
     uint32_t count = 0;
-    if (!in.u32(count)) return;
+    if (!in.u32(count)) return "its event list is damaged";
     ChainBuilder chain(head);
     for (uint32_t k = 0; k < count; ++k) {
         CEventRec* event = readOne();
-        if (!event) return;
+        if (!event) return std::to_string(k) + " of its " + std::to_string(count) + " events read, the rest lost";
         chain.add(event);
     }
+    return {};
 }
 
 CEventRec* readMIDIEvent(BlockIn& in) {
     auto event = std::make_unique<CMIDIEventRec>();
     if (!in.u32(event->delta) || !in.u8(event->flags) || !in.u32(event->message)) return nullptr;
     if (event->isNoteOn() && !in.i32(event->duration)) return nullptr;
+    event->duration = tickIn(event->duration);
     return event.release();
 }
 
@@ -379,6 +396,7 @@ CEventRec* readDrumEvent(BlockIn& in) {
     uint8_t extras = 0;
     if (!in.u32(event->delta) || !in.u8To(event->pad) || !in.u8(event->flags) || !in.i32(event->duration) || !in.u8(extras))
         return nullptr;
+    event->duration = tickIn(event->duration);
     for (uint8_t k = 0; k < extras; ++k) {
         uint8_t index = 0;
         float value = 0.0f;
@@ -404,6 +422,21 @@ CEventRec* readAudioEvent(BlockIn& in) {
     for (float* word : {&event->fine, &event->fadeInMs, &event->fadeInCurve, &event->fadeOutMs, &event->fadeOutCurve})
         if (!in.f32(*word)) return nullptr;
     if (!in.i32(event->clipTicks) || !in.skip(12)) return nullptr;
+    event->gain = floatIn(event->gain, 0.0f, 16.0f, 1.0f);
+    event->spare = floatIn(event->spare, -1e6f, 1e6f, 0.0f);
+    event->mode = std::clamp(event->mode, 0, 1);
+    event->reverse = event->reverse ? 1 : 0;
+    event->startFrame = std::max(event->startFrame, 0);
+    event->endFrame = std::max(event->endFrame, event->startFrame);
+    event->beats = tickIn(event->beats);
+    event->clipTicks = tickIn(event->clipTicks);
+    event->pitch = std::clamp(event->pitch, -96, 96);
+    event->fine = floatIn(event->fine, -96.0f, 96.0f, 0.0f);
+    event->lane = std::max(event->lane, -1);
+    event->fadeInMs = floatIn(event->fadeInMs, 0.0f, 3.6e6f, 0.0f);
+    event->fadeOutMs = floatIn(event->fadeOutMs, 0.0f, 3.6e6f, 0.0f);
+    event->fadeInCurve = floatIn(event->fadeInCurve, -1.0f, 1.0f, 0.0f);
+    event->fadeOutCurve = floatIn(event->fadeOutCurve, -1.0f, 1.0f, 0.0f);
     return event.release();
 }
 
@@ -412,6 +445,9 @@ CEventRec* readAutomationPoint(BlockIn& in) {
     if (!in.u32(point->delta) || !in.u8(point->flags) || !in.f32(point->value) || !in.f32(point->curve) ||
         !in.u8To(point->shape))
         return nullptr;
+    point->value = floatIn(point->value, 0.0f, 1.0f, 0.0f);
+    point->curve = floatIn(point->curve, -1.0f, 1.0f, 0.0f);
+    point->shape = std::min(point->shape, 1);
     return point.release();
 }
 
@@ -442,6 +478,7 @@ void CSeq::load(CStream& stream, int32_t end) {
     inputChannels.deleteAll();
     outputChannels.deleteAll();
     loadedTargets_.clear();
+    loadDamage.clear();
     program = 0;
 
     std::vector<int32_t> parentIndices;
@@ -451,6 +488,10 @@ void CSeq::load(CStream& stream, int32_t end) {
     CSongTrack* songTrack = nullptr;
     CPart* part = nullptr;
 
+    const auto partLabel = [](const CPart* p) { return "part '" + std::string(p->name.c_str()) + "'"; };
+    const auto lost = [this](const std::string& what, const std::string& how) {
+        if (!how.empty()) loadDamage.push_back(what + ": " + how);
+    };
     CBlockReader blocks(stream, end);
     while (blocks.next()) {
         BlockIn in(stream, blocks.blockEnd());
@@ -475,6 +516,7 @@ void CSeq::load(CStream& stream, int32_t end) {
             uint32_t flagBits = 0;
             if (!in.i32(type) || !in.u32(flagBits)) {
                 track = nullptr;
+                loadDamage.push_back("a track is dropped: its block is damaged");
             } else {
                 track = addTrack(*this, type, nullptr, -1);
                 track->subTracks.deleteAll();
@@ -494,8 +536,11 @@ void CSeq::load(CStream& stream, int32_t end) {
                 in.i32(noteHeight);
                 track->noteHeight = noteHeight > 0 ? noteHeight : CTrack::defaultNoteHeight;
                 in.i32(track->transpose);
+                track->transpose = std::clamp(track->transpose, -127, 127);
+                track->channel = static_cast<int16_t>(std::clamp<int32_t>(track->channel, -1, 15));
                 if (expanded) track->flags.fetch_or(trackflag::expanded, std::memory_order_relaxed);
                 parentIndices.push_back(parent);
+                if (!in.ok()) lost("track '" + std::string(track->name.c_str()) + "'", "its block is damaged");
             }
         } else if (track && blocks.is("trackCol")) {
             in.i32(track->color);
@@ -503,6 +548,7 @@ void CSeq::load(CStream& stream, int32_t end) {
             in.i32(track->outputChannelHint);
         } else if (track && blocks.is("trackInSens")) {
             in.i32(track->inputSens);
+            track->inputSens = std::clamp(track->inputSens, 0, 100);
         } else if (track && blocks.is("tracked")) {
             for (int32_t& word : track->editorPlace) in.i32(word);
         } else if (track && blocks.is("trackGroove")) {
@@ -514,8 +560,15 @@ void CSeq::load(CStream& stream, int32_t end) {
             in.u32(zero);
             in.f32(track->grooveStrength);
             in.i32(track->grooveGrid);
-            if (in.i32(steps)) track->grooveSteps = std::clamp(steps, 0, maxGrooveSteps);
-            for (int32_t k = 0; k < track->grooveSteps; ++k) in.f32(track->grooveValues[k]);
+            if (in.i32(steps)) track->grooveSteps = steps;
+            // Playback divides by steps x grid and moves events by up to a step's width either way.
+            if (track->grooveSteps < 1 || track->grooveSteps > maxGrooveSteps) track->grooveSteps = 2;
+            if (track->grooveGrid < 1 || track->grooveGrid > maxGrooveGrid) track->grooveGrid = 240;
+            track->grooveStrength = floatIn(track->grooveStrength, 0.0f, 1.0f, 0.0f);
+            for (int32_t k = 0; k < track->grooveSteps; ++k) {
+                in.f32(track->grooveValues[k]);
+                track->grooveValues[k] = floatIn(track->grooveValues[k], -1.0f, 1.0f, 0.0f);
+            }
         } else if (track && blocks.is("sub")) {
             auto sub = std::make_unique<CSubTrack>(0);
             uint8_t flagByte = 0, automationType = 0;
@@ -544,11 +597,13 @@ void CSeq::load(CStream& stream, int32_t end) {
             prog = addProg();
             float position = 0.0f;
             // A song position is a tick on the timeline: not a number, or off it, starts at 0.
-            if (in.f32(position) && position >= 0.0f && position < static_cast<float>(INT32_MAX))
+            if (in.f32(position) && position >= 0.0f && position < static_cast<float>(maxSongTick))
                 prog->position.store(position, std::memory_order_relaxed);
             in.u8(prog->loopOn);
             in.i32(prog->leftLocator);
             in.i32(prog->rightLocator);
+            prog->leftLocator = tickIn(prog->leftLocator);
+            prog->rightLocator = tickIn(prog->rightLocator);
             in.string(prog->name);
             songTrackIndex = -1;
             songTrack = nullptr;
@@ -571,15 +626,20 @@ void CSeq::load(CStream& stream, int32_t end) {
                 delete part;
                 part = nullptr;
             }
+            if (!part) loadDamage.push_back("a part is dropped: its block is damaged or names no track");
             if (part) {
                 in.i32(part->start);
                 in.i32(part->offset);
                 in.i32(part->length);
+                part->start = tickIn(part->start);
+                part->offset = std::clamp(part->offset, -maxSongTick, maxSongTick);
+                part->length = tickIn(part->length);
                 if (in.u32(flagBits)) part->flags.store(flagBits, std::memory_order_relaxed);
                 in.string(part->name);
                 // Only a source that holds its own chains can lend them.
                 CPart* source = ghost != noGhost ? ghostSources.getAt(static_cast<int32_t>(std::min<uint32_t>(ghost, 0x7FFFFFFF))) : nullptr;
                 part->ghostSource = source && !source->ghostSource ? source : nullptr;
+                if (!in.ok()) lost(partLabel(part), "its block is damaged");
                 if (home) {
                     part->songTrack = home;
                     home->parts.add(part);
@@ -592,17 +652,17 @@ void CSeq::load(CStream& stream, int32_t end) {
         } else if (part && blocks.is("partCol")) {
             in.i32(part->color);
         } else if (part && part->subKind == partMIDI && blocks.is("mevents")) {
-            readRecords(in, part->events, [&in] { return readMIDIEvent(in); });
+            lost(partLabel(part), readRecords(in, part->events, [&in] { return readMIDIEvent(in); }));
         } else if (part && part->subKind == partAudio && blocks.is("achs")) {
             in.i32(static_cast<CAudioPart*>(part)->audioChannels);
         } else if (part && part->subKind == partAudio && blocks.is("aevents")) {
-            readRecords(in, part->events, [&in] { return readAudioEvent(in); });
+            lost(partLabel(part), readRecords(in, part->events, [&in] { return readAudioEvent(in); }));
         } else if (part && part->subKind == partDrum && blocks.is("devents")) {
-            readRecords(in, part->events, [&in] { return readDrumEvent(in); });
+            lost(partLabel(part), readRecords(in, part->events, [&in] { return readDrumEvent(in); }));
         } else if (part && blocks.is("amevents")) {
             uint32_t slot = automationSlots;
             if (in.u32(slot) && slot < static_cast<uint32_t>(automationSlots))
-                readRecords(in, part->automation[slot], [&in] { return readAutomationPoint(in); });
+                lost(partLabel(part), readRecords(in, part->automation[slot], [&in] { return readAutomationPoint(in); }));
         } else if (part && part->subKind == partAudio && blocks.is("multiclip")) {
             uint8_t on = 0;
             if (in.u8(on)) static_cast<CAudioPart*>(part)->multiClip = on;
@@ -614,6 +674,8 @@ void CSeq::load(CStream& stream, int32_t end) {
             in.skip(2);
             in.i32(marker->start);
             in.i32(marker->length);
+            marker->start = tickIn(marker->start);
+            marker->length = tickIn(marker->length);
             prog->markers.add(marker.release());
         } else if (prog && blocks.is("amarker")) {
             int32_t next = -1;
@@ -625,12 +687,17 @@ void CSeq::load(CStream& stream, int32_t end) {
             in.i32(signature->length);
             in.i32(signature->numerator);
             in.i32(signature->denominator);
+            signature->start = tickIn(signature->start);
+            signature->length = tickIn(signature->length);
             const int32_t at = insertIndexFor(prog->signatures, signature->start);
             prog->signatures.insert(at, signature.release());
         } else if (prog && blocks.is("tempo")) {
             auto tempo = std::make_unique<CTempoPart>();
             uint32_t zero = 0;
             if (in.i32(tempo->start) && in.i32(tempo->length) && in.f32(tempo->tempo)) {
+                tempo->start = tickIn(tempo->start);
+                tempo->length = tickIn(tempo->length);
+                tempo->tempo = floatIn(tempo->tempo, minTempo, maxTempo, 120.0f);
                 for (int32_t k = 0; k < 3; ++k) in.u32(zero);
                 prog->tempos.add(tempo.release());
             }

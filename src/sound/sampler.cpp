@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "engine/engine.h"
 #include "engine/io.h"
@@ -43,12 +44,18 @@ void forEachSound(const CSynthProg& prog, Fn fn) {
         for (CSound* sound : layer->sounds) fn(*sound);
 }
 
+std::unique_ptr<float[], CSampler::FreeFloats> zeroedFloats(size_t count) {
+    auto* memory = static_cast<float*>(std::calloc(count, sizeof(float)));
+    if (!memory) throw std::bad_alloc();
+    return std::unique_ptr<float[], CSampler::FreeFloats>(memory);
+}
+
 }  // namespace
 
 CSampler::CSampler(CQV* engine)
     : CComp(engine, compSampler),
-      delayL(std::make_unique<float[]>(delayFrames)),
-      delayR(std::make_unique<float[]>(delayFrames)),
+      delayL(zeroedFloats(delayFrames)),
+      delayR(zeroedFloats(delayFrames)),
       interpScratch(std::make_unique_for_overwrite<float[]>(scratchFrames)) {
     name = "Synthesizer";
     setBlockSize(engine ? engine->blockSize : 1024);

@@ -15,6 +15,7 @@
 // has left the sampler is stopped before the step can free it.
 
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 
 #include "engine/comp.h"
@@ -111,8 +112,12 @@ public:
     int32_t mch = -1;  // MIDI channel filter: -1 all, else 0..15
     SamplerVoice voices[voiceCount];
     CEventQueue queue;
-    // The delay memory of every delay send effect of this sampler's programs.
-    std::unique_ptr<float[]> delayL, delayR;
+    // The delay memory of every delay send effect of this sampler's programs: ten seconds each side, of
+    // which most samplers never touch a page, so it comes zeroed from the system rather than written.
+    struct FreeFloats {
+        void operator()(float* memory) const { std::free(memory); }
+    };
+    std::unique_ptr<float[], FreeFloats> delayL, delayR;
     // One block each: outL, outR gather one sound's voices; readL, readR hold what a sampled voice reads.
     std::unique_ptr<float[]> outL, outR, readL, readR;
     std::unique_ptr<float[]> interpScratch;

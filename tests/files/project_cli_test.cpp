@@ -88,6 +88,35 @@ TEST_F(ProjectCli, AMIDIFileBecomesAProjectWithATrackForEachOfItsTracks) {
     EXPECT_TRUE(file("project.wav") == file("song.wav"));
 }
 
+// A damaged input is used as far as it goes, but never in silence: each command that writes or
+// describes it lists what was lost and ends with status 3 after its output.
+TEST_F(ProjectCli, DamagedInputsAreToldAndEndWithStatusThree) {
+    ASSERT_EQ(cli("import --demo -o demo.qv"), 0) << errors;
+    // Cut inside the last component: the song and its audio output are still there to render.
+    std::ofstream(dir / "cut.qv", std::ios::binary) << file("demo.qv").substr(0, 150000);
+    // A note, then a track that claims 1000 bytes and holds a dozen.
+    const char midi[] = "MThd\0\0\0\6\0\0\0\1\x01\xE0MTrk\0\0\x03\xE8\0\x90\x3C\x64\x60\x80\x3C\0\0\xFF\x2F\0";
+    std::ofstream(dir / "cut.mid", std::ios::binary).write(midi, sizeof midi - 1);
+
+    struct Row {
+        std::string command, lost;
+    };
+    const Row rows[] = {
+        {"info cut.qv", "the file ends inside block 'comp2'"},
+        {"import cut.qv -o again.qv", "the file ends inside block 'comp2'"},
+        {"render cut.qv -o cut.wav --rate 8000", "the file ends inside block 'comp2'"},
+        {"info cut.mid", "track 1 claims 1000 bytes"},
+        {"import cut.mid -o midi.qv", "track 1 claims 1000 bytes"},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(cli(row.command), 3) << row.command << "\n" << errors;
+        EXPECT_NE(errors.find("is damaged"), std::string::npos) << row.command << "\n" << errors;
+        EXPECT_NE(errors.find(row.lost), std::string::npos) << row.command << "\n" << errors;
+    }
+    // The output was written all the same.
+    for (const char* name : {"again.qv", "cut.wav", "midi.qv"}) EXPECT_TRUE(std::filesystem::exists(dir / name)) << name;
+}
+
 TEST_F(ProjectCli, BadImportsFailWithAMessage) {
     EXPECT_EQ(cli("import"), 2);
     EXPECT_EQ(cli("import --demo"), 2);

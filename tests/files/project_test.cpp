@@ -6,6 +6,8 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <limits>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -422,6 +424,78 @@ TEST(Project, DamagedFilesLoadWhatTheyCanAndNeverCrash) {
         std::vector<uint8_t> bytes = good;
         for (int32_t k = 0; k < 1 + trial % 8; ++k) bytes[7 + random() % (bytes.size() - 7)] = static_cast<uint8_t>(random());
         exercise(bytes);
+    }
+    // Each terminal block lost in turn (its tag unknown): a component short of a port or channel plays nothing.
+    for (const std::string tag : {"min", "mout", "ain", "aout", "mini", "mouti", "aini", "aouti"}) {
+        const std::string header = std::string{static_cast<char>(tag.size()), '\0', '\0', '\0'} + tag;
+        for (auto at = std::search(good.begin(), good.end(), header.begin(), header.end()); at != good.end();
+             at = std::search(at + 1, good.end(), header.begin(), header.end())) {
+            std::vector<uint8_t> bytes = good;
+            bytes[static_cast<size_t>(at - good.begin()) + header.size() - 1] = '_';
+            EXPECT_EQ(exercise(bytes).first, LoadOutcome::loaded) << tag;
+        }
+    }
+}
+
+// Values that playback computes with, damaged in a saved file: each is brought into range as it is
+// read, so a loop played over the part runs clean under the undefined-behaviour checks.
+TEST(Project, OutOfRangeValuesAreBroughtIntoRangeWhenRead) {
+    const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
+    struct Row {
+        const char* what;
+        std::function<void(CSeq&, CTrack&, CPart&, COutputChannel&)> damage;
+        std::function<bool(const CSeq&, const CTrack&, const CPart&, const COutputChannel&)> inRange;
+    };
+    const Row rows[] = {
+        {"NaN groove value", [nan](CSeq&, CTrack& t, CPart&, COutputChannel&) { t.grooveStrength = 1.0f, t.grooveValues[0] = nan; },
+         [](const CSeq&, const CTrack& t, const CPart&, const COutputChannel&) { return t.grooveValues[0] == 0.0f; }},
+        {"infinite groove value", [inf](CSeq&, CTrack& t, CPart&, COutputChannel&) { t.grooveStrength = 1.0f, t.grooveValues[1] = inf; },
+         [](const CSeq&, const CTrack& t, const CPart&, const COutputChannel&) { return t.grooveValues[1] == 1.0f; }},
+        {"infinite groove strength", [inf](CSeq&, CTrack& t, CPart&, COutputChannel&) { t.grooveStrength = -inf; },
+         [](const CSeq&, const CTrack& t, const CPart&, const COutputChannel&) { return t.grooveStrength == 0.0f; }},
+        {"huge start and offset", [](CSeq&, CTrack&, CPart& p, COutputChannel&) { p.start = INT32_MAX - 10, p.offset = INT32_MAX; },
+         [](const CSeq&, const CTrack&, const CPart& p, const COutputChannel&) { return p.start == maxSongTick && p.offset == maxSongTick; }},
+        {"negative length", [](CSeq&, CTrack&, CPart& p, COutputChannel&) { p.length = -5000; },
+         [](const CSeq&, const CTrack&, const CPart& p, const COutputChannel&) { return p.length == 0; }},
+        {"huge deltas", [](CSeq&, CTrack&, CPart& p, COutputChannel&) { for (CEventRec* e = p.getEvents(); e; e = e->next) e->delta = 0xF0000000u; },
+         [](const CSeq&, const CTrack&, const CPart& p, const COutputChannel&) {
+             int64_t sum = 0;
+             for (const CEventRec* e = p.getEvents(); e; e = e->next) sum += e->delta;
+             return sum <= maxSongTick;
+         }},
+        {"NaN automation", [nan](CSeq&, CTrack&, CPart& p, COutputChannel&) {
+             auto& point = static_cast<CAutomationRec&>(*p.getAutomation(2));
+             point.value = nan, point.curve = nan;
+         },
+         [](const CSeq&, const CTrack&, const CPart& p, const COutputChannel&) {
+             const auto& point = static_cast<const CAutomationRec&>(*p.getAutomation(2));
+             return point.value == 0.0f && point.curve == 0.0f;
+         }},
+        {"locators far out", [](CSeq& seq, CTrack&, CPart&, COutputChannel&) { seq.currentProg()->leftLocator = INT32_MIN, seq.currentProg()->rightLocator = INT32_MAX; },
+         [](const CSeq& seq, const CTrack&, const CPart&, const COutputChannel&) { return seq.currentProg()->leftLocator == 0 && seq.currentProg()->rightLocator == maxSongTick; }},
+        {"infinite volume", [inf](CSeq&, CTrack&, CPart&, COutputChannel& strip) { strip.volume = inf, strip.pan = -inf; },
+         [](const CSeq&, const CTrack&, const CPart&, const COutputChannel& strip) { return strip.volume == 1.0f && strip.pan == -1.0f; }},
+    };
+    for (const Row& row : rows) {
+        FullProject project;
+        CSeq& seq = *sequencerOf(project.engine);
+        seq.program = 0;
+        CTrack& track = *seq.tracks.getAt(1);
+        CPart& part = *seq.currentProg()->songTracks.getAt(1)->parts.getAt(0);
+        row.damage(seq, track, part, *project.engine.comps.getAt(5)->firstOutputChannel());
+
+        CQV engine(EngineOptions{false, 1});
+        ASSERT_EQ(load(engine, saved(project.engine)), LoadOutcome::loaded) << row.what;
+        CSeq& loaded = *sequencerOf(engine);
+        const CPart& loadedPart = *loaded.currentProg()->songTracks.getAt(1)->parts.getAt(0);
+        EXPECT_TRUE(row.inRange(loaded, *loaded.tracks.getAt(1), loadedPart, *engine.comps.getAt(5)->firstOutputChannel())) << row.what;
+        // A short loop over the part's first notes, wrapped a few times.
+        loaded.setLoopRange(loadedPart.start, loadedPart.start + 240);
+        engine.setLoop(true);
+        engine.setPosition(loadedPart.start);
+        engine.start();
+        for (int32_t k = 0; k < 8; ++k) engine.runCycle(1024);
+        engine.stop();
     }
 }
 
